@@ -1,0 +1,43 @@
+#include "app/wan_common.h"
+
+#include "app/applet_log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace {
+constexpr size_t filename_limit = 128; // paths from this length on are not looked at
+constexpr size_t hex_per_line = 16;
+} // namespace
+
+const char* get_filename(const char* path)
+{
+    if (path == nullptr || strnlen(path, filename_limit) == filename_limit)
+        return nullptr;
+    const char* slash = strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
+void PrintHex(std::span<const uint8_t> bytes)
+{
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const bool ends_line = (i + 1) % hex_per_line == 0 || i + 1 == bytes.size();
+        (void)printf("0x%02x%c", bytes[i], ends_line ? '\n' : ' ');
+    }
+    (void)putchar('\n');
+}
+
+void tessel_stdout_on_off(int32_t value)
+{
+    g_to_stdout = value;
+}
+
+int32_t text_to_int(const char* text)
+{
+    const long value = strtol(text, nullptr, 10); // saturates
+    return static_cast<int32_t>(std::clamp<long>(value, std::numeric_limits<int32_t>::min(),
+                                                 std::numeric_limits<int32_t>::max()));
+}

@@ -1,0 +1,19 @@
+// Small helpers that all applets share.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+// The part of `path` behind its last "/", the whole text when there is none. Null when the text is null or holds 128
+// characters or more.
+[[nodiscard]] const char* get_filename(const char* path);
+
+// Prints `bytes` on standard output, "0x%02x" each, 16 to a line, and an empty line after the last.
+void PrintHex(std::span<const uint8_t> bytes);
+
+// Switches the console copy of the applet log on (1) or off (0).
+void tessel_stdout_on_off(int32_t value);
+
+// The decimal number at the start of `text`, as atoi() reads it, but held at the ends of its range instead of
+// overflowing. 0 where there is none.
+[[nodiscard]] int32_t text_to_int(const char* text);

@@ -1,0 +1,6 @@
+// Crash dump applet.
+#pragma once
+
+#include "app/applet.h"
+
+int32_t crashdump_main(int32_t argc, char** argv, const Applet* row);

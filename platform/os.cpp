@@ -1,0 +1,75 @@
+#include "platform/os.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <unistd.h>
+
+#ifdef TESSEL_COVERAGE
+extern "C" void __gcov_dump(void); // NOLINT(bugprone-reserved-identifier,cert-dcl37-c): the compiler's name
+#endif
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
+{
+    if (this != &other) {
+        reset();
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+void UniqueFd::reset()
+{
+    if (fd_ >= 0)
+        (void)close(std::exchange(fd_, -1)); // nothing to be done about a failing close
+}
+
+UniqueFile open_file(const std::string& path, const char* mode)
+{
+    return UniqueFile(fopen(path.c_str(), (std::string(mode) + "e").c_str()));
+}
+
+std::string format_text(const char* format, va_list arguments)
+{
+    va_list first_pass;
+    va_copy(first_pass, arguments);
+    const int length = vsnprintf(nullptr, 0, format, first_pass);
+    va_end(first_pass);
+    if (length < 0)
+        return {};
+
+    std::string text(static_cast<size_t>(length), '\0');
+    (void)vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+int run_shell(const std::string& command)
+{
+    (void)fflush(stdout);
+    return system(command.c_str()); // NOLINT(concurrency-mt-unsafe): one caller, the main thread
+}
+
+std::string shell_quote(std::string_view path)
+{
+    constexpr std::string_view safe = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./-+,:@%=";
+    std::string word = path.starts_with('-') ? "./" : "";
+    if (!path.empty() && path.find_first_not_of(safe) == std::string_view::npos)
+        return word.append(path);
+
+    word += '\'';
+    for (const char c : path) {
+        if (c == '\'')
+            word += "'\\''";
+        else
+            word += c;
+    }
+    return word += '\'';
+}
+
+void end_process(int status)
+{
+    (void)fflush(nullptr);
+#ifdef TESSEL_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(status);
+}

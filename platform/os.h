@@ -1,0 +1,53 @@
+// The operating system as the modules use it: owned descriptors and files, the shell, and the one way out of the
+// process from inside a module.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+// Owns a file descriptor; -1 is none. Moves, never copies.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    ~UniqueFd() { reset(); }
+
+    [[nodiscard]] int get() const { return fd_; }
+    [[nodiscard]] bool valid() const { return fd_ >= 0; }
+    void reset();
+
+private:
+    int fd_ = -1;
+};
+
+struct FileCloser {
+    void operator()(FILE* file) const { (void)fclose(file); } // whoever writes checks its own result before
+};
+// Owns a stdio stream.
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+// Opens `path` as fopen() does, not inherited by commands that the shell runs. Empty on failure, errno set.
+[[nodiscard]] UniqueFile open_file(const std::string& path, const char* mode);
+
+// printf into a text of whatever length it needs.
+[[nodiscard]] std::string format_text(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
+
+// Runs exactly `command` with system(), standard output flushed first so that a person sees events in their order.
+// Returns the raw status of system(). Main thread.
+int run_shell(const std::string& command);
+
+// `path` as one word of a shell command that names the same file: ordinary names stay as they are, any other is quoted,
+// and one that begins with a dash is not taken for an option.
+[[nodiscard]] std::string shell_quote(std::string_view path);
+
+// Flushes all output and ends the process with `status`, without running destructors under a live reader thread.
+// Any thread.
+[[noreturn]] void end_process(int status);
