@@ -22,7 +22,7 @@ constexpr Level level_warning = {ANDROID_LOG_WARN, "WARNING:#"};
 constexpr Level level_info = {ANDROID_LOG_INFO, "INFO:#"};
 constexpr Level level_debug = {ANDROID_LOG_DEBUG, "DEBUG:#"};
 
-void emit(const Level& level, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void emit(const Level& level, const char* format, va_list arguments)
 {
     const int saved_errno = errno;
     const std::string text = format_text(format, arguments);

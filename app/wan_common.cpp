@@ -38,6 +38,6 @@ void tessel_stdout_on_off(int32_t value)
 int32_t text_to_int(const char* text)
 {
     const long value = strtol(text, nullptr, 10); // saturates
-    return static_cast<int32_t>(std::clamp<long>(value, std::numeric_limits<int32_t>::min(),
-                                                 std::numeric_limits<int32_t>::max()));
+    return static_cast<int32_t>(
+        std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
 }

@@ -39,7 +39,8 @@ void keep_on_one_line(std::string& text)
     }
 }
 
-int write_record(int buffer, int priority, const char* tag, const char* format, va_list arguments)
+__attribute__((format(printf, 4, 0))) int write_record(int buffer, int priority, const char* tag, const char* format,
+                                                       va_list arguments)
 {
     const int saved_errno = errno;
     std::string text = format_text(format, arguments);
