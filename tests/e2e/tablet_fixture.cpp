@@ -1,0 +1,224 @@
+#include "tests/e2e/tablet_fixture.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <spawn.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto command_deadline = 60s;
+constexpr auto modem_deadline = 30s; // to boot, to end, and to show an awaited event
+
+std::string slurp(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Texts lines_of(const std::string& text)
+{
+    Texts lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+void must(int error, const std::string& what)
+{
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), what);
+}
+
+// Starts a program with its outputs in files, so that no pipe can fill, and `in` (-1: nothing) as standard input.
+pid_t spawn(Texts words, const fs::path& out, const fs::path& err, int in = -1)
+{
+    std::vector<char*> argv(words.size() + 1, nullptr);
+    for (size_t i = 0; i < words.size(); ++i)
+        argv[i] = words[i].data();
+
+    posix_spawn_file_actions_t actions;
+    must(posix_spawn_file_actions_init(&actions), "spawn");
+    if (in >= 0)
+        must(posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO), "spawn");
+    else
+        must(posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0), "spawn");
+    constexpr int flags = O_WRONLY | O_CREAT | O_APPEND;
+    must(posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), flags, 0644), "spawn");
+    must(posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), flags, 0644), "spawn");
+    pid_t pid = -1;
+    const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    (void)posix_spawn_file_actions_destroy(&actions);
+    must(error, words[0]);
+    return pid;
+}
+
+template <typename Condition>
+bool wait_until(std::chrono::seconds limit, Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+// The exit status of a child, or -1. One that misses the deadline is killed and fails the case.
+int wait_for_exit(pid_t pid, std::chrono::seconds limit, const std::string& name)
+{
+    int status = -1;
+    if (!wait_until(limit, [&] { return waitpid(pid, &status, WNOHANG) != 0; })) {
+        ADD_FAILURE() << "still runs after " << limit.count() << " s: " << name;
+        (void)kill(pid, SIGKILL);
+        (void)waitpid(pid, &status, 0);
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void expect_no_sanitizer_report(const std::string& text)
+{
+    EXPECT_THAT(text, ::testing::Not(::testing::ContainsRegex("Sanitizer|runtime error:")));
+}
+
+} // namespace
+
+void OnTablet::SetUp()
+{
+    // Whatever loses its parent becomes our child, so that nothing stays behind unseen.
+    must(prctl(PR_SET_CHILD_SUBREAPER, 1), "prctl");
+    std::string name = fs::temp_directory_path() / "tablet-XXXXXX";
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    folder_ = name;
+
+    const fs::path err = new_file();
+    if (wait_for_exit(spawn({VIRTUAL_TABLET_BINARY, "check"}, new_file(), err), modem_deadline, "check") == 0)
+        return;
+    const char* ci = getenv("CI"); // NOLINT(concurrency-mt-unsafe): one thread
+    if (ci != nullptr && ci == std::string("true"))
+        FAIL() << slurp(err);
+    GTEST_SKIP() << slurp(err);
+}
+
+void OnTablet::modem(const std::string& words, const Texts& more)
+{
+    Texts command = {VIRTUAL_TABLET_BINARY, "serve", "--root", root(), "--tessel", TESSEL_BINARY, "--modem"};
+    std::istringstream stream(words);
+    std::copy(std::istream_iterator<std::string>(stream), {}, std::back_inserter(command));
+    command.insert(command.end(), more.begin(), more.end());
+
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    modem_stdin_ = ends[1];
+    modem_out_ = new_file();
+    modem_err_ = new_file();
+    modem_ = spawn(command, modem_out_, modem_err_, ends[0]);
+    (void)close(ends[0]);
+
+    siginfo_t ended{};
+    ASSERT_TRUE(wait_until(modem_deadline,
+                           [&] {
+                               (void)waitid(P_PID, static_cast<id_t>(modem_), &ended, WEXITED | WNOHANG | WNOWAIT);
+                               return ended.si_pid != 0 || slurp(modem_out_).ends_with("ready\n");
+                           }) &&
+                ended.si_pid == 0)
+        << "no modem: " << slurp(modem_err_);
+}
+
+OnTablet::Job OnTablet::start(const std::string& command)
+{
+    Job job{-1, command, new_file(), new_file()};
+    job.pid = spawn({VIRTUAL_TABLET_BINARY, "run", "--root", root(), "--", "sh", "-c", command}, job.out, job.err);
+    return job;
+}
+
+Result OnTablet::finish(const Job& job)
+{
+    SCOPED_TRACE(job.command);
+    Result result;
+    result.status = wait_for_exit(job.pid, command_deadline, job.command);
+    result.out = slurp(job.out);
+    result.err = slurp(job.err);
+    expect_no_sanitizer_report(result.err);
+
+    for (const std::string& line : lines_of(result.err)) {
+        if (!line.starts_with("radio ") && !line.starts_with("main "))
+            continue;
+        result.log.push_back(line);
+        if (line.find(" E RIL_") == line.find(' '))
+            result.error_texts.push_back(line.substr(line.find(": ") + 2));
+    }
+    finished_.push_back(result);
+    return result;
+}
+
+std::string OnTablet::read_file(const std::string& path) const
+{
+    EXPECT_TRUE(fs::is_regular_file(root() + path)) << path;
+    return slurp(root() + path);
+}
+
+OnTablet::Files OnTablet::files_in(const std::string& path) const
+{
+    Files files;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(root() + path, none)) {
+        if (entry.is_regular_file())
+            files[entry.path().filename()] = slurp(entry.path());
+    }
+    return files;
+}
+
+Texts OnTablet::journal() const
+{
+    return lines_of(slurp(root() + "/modem/journal.txt"));
+}
+
+void OnTablet::wait_for_journal(const std::string& text) const
+{
+    EXPECT_TRUE(wait_until(modem_deadline,
+                           [&] { return slurp(root() + "/modem/journal.txt").find(text) != std::string::npos; }))
+        << "never in the journal: " << text;
+}
+
+Texts OnTablet::complaints()
+{
+    complaints_seen_ = true;
+    Texts texts = journal();
+    std::erase_if(texts, [](const std::string& line) { return !line.starts_with("complaint: "); });
+    return texts;
+}
+
+void OnTablet::TearDown()
+{
+    for (const Result& result : finished_)
+        EXPECT_TRUE(*result.errors_seen || result.error_texts.empty()) << "errors not looked at:\n" << result.err;
+    EXPECT_TRUE(complaints_seen_ || complaints().empty()) << "the modem found fault with what it was sent";
+    if (HasFailure())
+        std::cerr << "The modem's journal:\n" << slurp(root() + "/modem/journal.txt");
+
+    if (modem_ > 0) {
+        (void)kill(modem_, SIGTERM);
+        EXPECT_EQ(wait_for_exit(modem_, modem_deadline, "modem"), 0) << slurp(modem_err_);
+        expect_no_sanitizer_report(slurp(modem_err_));
+        (void)close(modem_stdin_);
+    }
+    EXPECT_TRUE(wait_until(1s, [] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process was left behind";
+    fs::remove_all(folder_);
+}
