@@ -1,7 +1,7 @@
 #include "platform/os.h"
 
-#include <algorithm>
 #include <cstdlib>
+#include <system_error>
 #include <unistd.h>
 
 #ifdef TESSEL_COVERAGE
@@ -40,6 +40,11 @@ std::string format_text(const char* format, va_list arguments)
     std::string text(static_cast<size_t>(length), '\0');
     (void)vsnprintf(text.data(), text.size() + 1, format, arguments);
     return text;
+}
+
+std::string error_text(int error)
+{
+    return std::generic_category().message(error);
 }
 
 int run_shell(const std::string& command)

@@ -22,6 +22,7 @@ public:
 
     [[nodiscard]] int get() const { return fd_; }
     [[nodiscard]] bool valid() const { return fd_ >= 0; }
+    [[nodiscard]] int release() { return std::exchange(fd_, -1); }
     void reset();
 
 private:
@@ -39,6 +40,9 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 // printf into a text of whatever length it needs.
 [[nodiscard]] std::string format_text(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
+
+// The text of the error number `error`, as strerror() gives it. Any thread.
+[[nodiscard]] std::string error_text(int error);
 
 // Runs exactly `command` with system(), standard output flushed first so that a person sees events in their order.
 // Returns the raw status of system(). Main thread.
