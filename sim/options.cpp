@@ -1,0 +1,181 @@
+#include "options.h"
+
+#include "text.h"
+#include "usage_error.h"
+
+#include <algorithm>
+
+namespace sim {
+
+namespace {
+
+struct OptionRow {
+    std::string_view name;
+    const char* argument;
+    const char* help;
+    void (*apply)(Options&, std::string_view);
+};
+
+uint32_t number(std::string_view text, uint32_t most = UINT32_MAX)
+{
+    if (const auto value = parse_number(text, most))
+        return *value;
+    throw UsageError("not a number up to " + std::to_string(most) + ": " + std::string(text));
+}
+
+Mode mode(std::string_view text)
+{
+    if (text == "normal")
+        return Mode::normal;
+    if (text == "crashed")
+        return Mode::dload;
+    if (text == "absent")
+        return Mode::absent;
+    throw UsageError("a modem is normal, crashed or absent, not " + std::string(text));
+}
+
+// SIZE, NAME=SIZE or NAME=SIZE@BASE, separated by commas.
+std::vector<Region> regions(std::string_view list)
+{
+    constexpr uint64_t first_base = 0x40000000, alignment = 0x10000, end_of_addresses = uint64_t{1} << 32;
+    std::vector<Region> all;
+    uint64_t next_base = first_base;
+    for (const std::string_view given : split(list, ',')) {
+        const auto wrong = [&] {
+            return UsageError("not a region (SIZE, NAME=SIZE, NAME=SIZE@BASE): " + std::string(given));
+        };
+        const size_t equals = given.rfind('=');
+        const bool named = equals != std::string_view::npos;
+        const auto numbers = split(named ? given.substr(equals + 1) : given, '@');
+        const auto size = parse_number(numbers[0], UINT32_MAX, true);
+        const auto base =
+            numbers.size() == 2 ? parse_number(numbers[1]) : std::optional(static_cast<uint32_t>(next_base));
+        if (!size || !base || numbers.size() > 2 || uint64_t{*base} + *size > end_of_addresses ||
+            next_base >= end_of_addresses)
+            throw wrong();
+        next_base = (uint64_t{*base} + *size + alignment) / alignment * alignment;
+
+        const std::string count = std::to_string(all.size());
+        const std::string name = "REGION" + std::string(count.size() < 2 ? "0" : "") + count + ".BIN";
+        all.push_back({named ? std::string(given.substr(0, equals)) : name, *base, *size});
+    }
+    return all;
+}
+
+constexpr const char* default_regions = "OCIMEM.BIN=88K@0x2A000000,CODERAM.BIN=64K@0x08800000,"
+                                        "RPM.BIN=128K@0x00020000,LPASS.BIN=32K@0x28400000,EBICS0.BIN=2M@0x40000000";
+
+constexpr OptionRow rows[] = {
+    {"--root", "DIR", "keep the tablet in DIR, made if it is not there",
+     [](Options& options, std::string_view text) { options.root = fs::absolute(text); }},
+    {"--tessel", "PATH", "the program shown as /system/bin/tessel (default: tessel beside or above this program)",
+     [](Options& options, std::string_view text) {
+         if (!fs::is_regular_file(text))
+             throw UsageError("no such program: " + std::string(text));
+         options.tessel = text;
+     }},
+    {"--modem", "MODE", "normal, crashed or absent (normal)",
+     [](Options& options, std::string_view text) { options.modem.mode = mode(text); }},
+    {"--protocol", "N", "version of the DLOAD protocol; unframed reads from 7 on (7)",
+     [](Options& options, std::string_view text) {
+         options.modem.dload_version = static_cast<uint8_t>(number(text, UINT8_MAX));
+     }},
+    {"--regions", "LIST", "memory of a crashed modem: SIZE, NAME=SIZE or NAME=SIZE@BASE, with commas; 64K, 2M, 0x100",
+     [](Options& options, std::string_view text) { options.modem.regions = regions(text); }},
+    {"--region-table", "HEX", "the reply to the region table request, byte for byte, instead of the true one",
+     [](Options& options, std::string_view text) {
+         options.modem.region_table = parse_hex(text);
+         if (!options.modem.region_table)
+             throw UsageError("not hex digits: " + std::string(text));
+     }},
+    {"--seed", "N", "another seed, another memory (1)",
+     [](Options& options, std::string_view text) { options.modem.seed = number(text); }},
+    {"--sku", "N", "the modem's SKU (0)",
+     [](Options& options, std::string_view text) { options.modem.sku = number(text); }},
+    {"--revision", "TEXT", "the firmware revision that ATI shows",
+     [](Options& options, std::string_view text) { options.modem.revision = text; }},
+    {"--apps", "TEXT", "the version of the modem's applications",
+     [](Options& options, std::string_view text) { options.modem.apps_version = text; }},
+    {"--nv", "FILE", "NV items to begin with, one a line, such as \"550: 08 1A\" or \"20/1: 00 05\"",
+     [](Options& options, std::string_view text) { options.nv = text; }},
+    {"--reenumerate", "MS", "how long the nodes are away in a reset (300)",
+     [](Options& options, std::string_view text) {
+         options.modem.reenumerate = std::chrono::milliseconds(number(text));
+     }},
+    {"--fault", "WORD@N[+][:ARG]", "fail at the N-th reply, with + from there on; may be given many times",
+     [](Options& options, std::string_view text) { options.modem.faults.push_back(Fault::parse(text)); }},
+};
+
+constexpr std::pair<std::string_view, Job> jobs[] = {
+    {"serve", Job::serve}, {"run", Job::run}, {"check", Job::check}, {"--help", Job::help}, {"-h", Job::help},
+};
+
+} // namespace
+
+Options parse_options(std::vector<std::string_view> arguments)
+{
+    Options options;
+    options.modem.regions = regions(default_regions);
+    options.modem.revision = "VM1.0.0";
+    options.modem.apps_version = "VA1.0.0";
+
+    const auto front = [&] { return arguments.empty() ? std::string_view() : arguments.front(); };
+    const auto shift = [&] { arguments.erase(arguments.begin()); };
+    const auto job = std::ranges::find(jobs, front(), &std::pair<std::string_view, Job>::first);
+    if (job != std::end(jobs)) {
+        options.job = job->second;
+        shift();
+    }
+    while (front().starts_with("-") && front() != "--") {
+        const std::string_view given = front(), name = given.substr(0, given.find('='));
+        const auto row = std::ranges::find(rows, name, &OptionRow::name);
+        if (row == std::end(rows))
+            throw UsageError("unknown option " + std::string(given));
+        shift();
+        if (name.size() < given.size()) {
+            row->apply(options, given.substr(name.size() + 1));
+            continue;
+        }
+        if (arguments.empty())
+            throw UsageError(std::string(given) + " needs " + row->argument);
+        row->apply(options, front());
+        shift();
+    }
+    if (front() == "--")
+        shift();
+    options.command.assign(arguments.begin(), arguments.end());
+
+    const bool takes_command = options.job == Job::command || options.job == Job::run;
+    if (takes_command == options.command.empty() && options.job != Job::help)
+        throw UsageError(takes_command ? "no command to run" : "unexpected " + options.command.front());
+    if ((options.job == Job::serve || options.job == Job::run) && !options.root)
+        throw UsageError("--root DIR is missing");
+    return options;
+}
+
+std::string help()
+{
+    constexpr size_t width = 26;
+    std::string text = R"(virtual_tablet: a tablet with a virtual modem, for commands to run in
+
+  virtual_tablet [OPTIONS] [--] CMD...       run CMD in a fresh tablet with the modem attached; its exit status
+  virtual_tablet serve --root DIR [OPTIONS]  make the tablet in DIR, attach the modem, print "ready" and serve
+                                             until SIGTERM, SIGINT or the end of standard input
+  virtual_tablet run --root DIR [--] CMD...  run CMD in the tablet of DIR; its exit status
+  virtual_tablet check                       tell whether sandboxes work on this machine, and the remedy if not
+
+options
+)";
+    for (const OptionRow& row : rows) {
+        std::string form = "  " + std::string(row.name) + " " + row.argument;
+        form.resize(std::max(width, form.size() + 1), ' ');
+        text += form + row.help + "\n";
+    }
+    text += "\nfaults (at-... count AT commands, the others replies on ttyUSB0, from 1 in every mode of the modem)\n" +
+            Fault::help();
+    text += "\nexit status: CMD's; 2 for a wrong command line, 1 when the tablet cannot be made, 127 when the sandbox "
+            "cannot be started\n";
+    return text;
+}
+
+} // namespace sim
