@@ -35,9 +35,17 @@ void tessel_stdout_on_off(int32_t value)
     g_to_stdout = value;
 }
 
-int32_t text_to_int(const char* text)
+int32_t text_to_int(const std::string& text)
 {
-    const long value = strtol(text, nullptr, 10); // saturates
+    const long value = strtol(text.c_str(), nullptr, 10); // saturates
     return static_cast<int32_t>(
         std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+}
+
+std::string_view next_token(std::string_view& rest, std::string_view delimiters)
+{
+    rest.remove_prefix(std::min(rest.find_first_not_of(delimiters), rest.size()));
+    const std::string_view token = rest.substr(0, rest.find_first_of(delimiters));
+    rest.remove_prefix(token.size());
+    return token;
 }

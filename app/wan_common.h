@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
+#include <string_view>
 
 // The part of `path` behind its last "/", the whole text when there is none. Null when the text is null or holds 128
 // characters or more.
@@ -16,4 +18,8 @@ void tessel_stdout_on_off(int32_t value);
 
 // The decimal number at the start of `text`, as atoi() reads it, but held at the ends of its range instead of
 // overflowing. 0 where there is none.
-[[nodiscard]] int32_t text_to_int(const char* text);
+[[nodiscard]] int32_t text_to_int(const std::string& text);
+
+// Takes the next token off `rest`: the longest run without a character of `delimiters`, those before it skipped. Empty
+// when none is left.
+[[nodiscard]] std::string_view next_token(std::string_view& rest, std::string_view delimiters);

@@ -47,8 +47,12 @@ std::string error_text(int error)
     return std::generic_category().message(error);
 }
 
-int run_shell(const std::string& command)
+int run_shell(const char* format, ...)
 {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string command = format_text(format, arguments);
+    va_end(arguments);
     (void)fflush(stdout);
     return system(command.c_str()); // NOLINT(concurrency-mt-unsafe): one caller, the main thread
 }

@@ -44,9 +44,10 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // The text of the error number `error`, as strerror() gives it. Any thread.
 [[nodiscard]] std::string error_text(int error);
 
-// Runs exactly `command` with system(), standard output flushed first so that a person sees events in their order.
-// Returns the raw status of system(). Main thread.
-int run_shell(const std::string& command);
+// Runs exactly the command that `format` gives with system(), standard output flushed first so that a person sees
+// events in their order. What comes from outside goes through shell_quote. Returns the raw status of system(). Main
+// thread.
+int run_shell(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // `path` as one word of a shell command that names the same file: ordinary names stay as they are, any other is quoted,
 // and one that begins with a dash is not taken for an option.
