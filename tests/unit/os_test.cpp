@@ -1,0 +1,64 @@
+#include "platform/os.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+TEST(Os, QuotedNamesNameTheirFileAndNothingElse)
+{
+    std::string folder = fs::temp_directory_path() / "os_test-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    for (const std::string name :
+         {"plain-1.2_3", "two words", "it's", "'", "$(touch owned)", "`touch owned`", "a;touch owned", "\"", "\\", "*",
+          "~", "a\nb", "&", "-n", "--", "#x", "$HOME", "\xff\xfe"}) {
+        EXPECT_EQ(run_shell("cd %s && : > %s", folder.c_str(), shell_quote(name).c_str()), 0) << name;
+        EXPECT_TRUE(fs::remove(fs::path(folder) / name)) << name;
+        EXPECT_TRUE(fs::is_empty(folder)) << name;
+    }
+    EXPECT_TRUE(fs::remove(folder));
+    EXPECT_EQ(shell_quote("/sdcard/f+1,2:3@4%5=.bin"), "/sdcard/f+1,2:3@4%5=.bin");
+    EXPECT_EQ(shell_quote(""), "''");
+}
+
+TEST(Os, DescriptorsHaveOneOwner)
+{
+    const auto is_open = [](int fd) { return fcntl(fd, F_GETFD) != -1; };
+    std::array<int, 2> fds{};
+    ASSERT_EQ(pipe2(fds.data(), O_CLOEXEC), 0);
+    UniqueFd owner(fds[0]);
+    {
+        UniqueFd lender(fds[1]);
+        owner = std::move(lender);
+        EXPECT_FALSE(is_open(fds[0]));
+    }
+    EXPECT_TRUE(is_open(fds[1]));
+    const UniqueFd heir(std::move(owner));
+    owner = UniqueFd();
+    EXPECT_TRUE(is_open(heir.get()));
+    EXPECT_EQ(heir.get(), fds[1]);
+}
+
+TEST(Os, FilesAreNotInheritedByCommands)
+{
+    const UniqueFile file = open_file("/dev/null", "w");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(open_file("/nowhere/file", "r"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(Os, EndOfProcessFlushesAndKeepsTheStatus)
+{
+    const auto end = [] {
+        (void)dup2(STDERR_FILENO, STDOUT_FILENO);
+        (void)printf("last words");
+        end_process(78);
+    };
+    EXPECT_EXIT(end(), ::testing::ExitedWithCode(78), "last words");
+}
