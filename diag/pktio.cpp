@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -27,8 +28,11 @@ constexpr uint32_t endpoint_packet_size = 64;
 
 constexpr std::array<char, 5> stop_message = {'S', 'T', 'O', 'P', '\0'};
 
-std::atomic<int32_t> sPktIOFd = -1;                            // closed by whoever takes it out
-std::array<std::atomic<int32_t>, 2> sSockets = {{{-1}, {-1}}}; // the reader watches 0, shutdown writes to 1
+// Guards the descriptors, so that the reader does not close one while a sender writes to it.
+std::mutex sDescriptorMutex;
+int32_t sPktIOFd = -1;
+std::array<int32_t, 2> sSockets = {-1, -1}; // the reader watches 0, shutdown writes to 1
+
 pthread_t sPktIOReadThread;
 uint32_t sPktIOUp = 0;               // the reader was started and not yet joined
 std::atomic<bool> sStopping = false; // a port that never falls silent must not keep the reader from its end
@@ -90,15 +94,16 @@ void configure_port(int fd)
     (void)port_set_attributes(fd, attributes);
 }
 
-void close_descriptor(std::atomic<int32_t>& descriptor)
+void close_descriptor(int32_t& descriptor)
 {
-    const int32_t fd = descriptor.exchange(-1);
-    if (fd > 0)
-        (void)close(fd);
+    if (descriptor > 0)
+        (void)close(descriptor);
+    descriptor = -1;
 }
 
 void close_everything()
 {
+    const std::lock_guard lock(sDescriptorMutex);
     close_descriptor(sPktIOFd);
     close_descriptor(sSockets[0]);
     close_descriptor(sSockets[1]);
@@ -213,7 +218,7 @@ ssize_t read_port(Stream& stream, int fd, std::span<const uint8_t>& fresh)
     return count;
 }
 
-// Reads until the port is drained. Returns false when the reader has to end: stopped, or the device is gone or failing.
+// Reads until the port is drained or the engine is being stopped. Returns false when the device is gone or failing.
 bool read_burst(Stream& stream, int fd)
 {
     for (bool first_read = true; !sStopping; first_read = false) {
@@ -247,7 +252,7 @@ bool read_burst(Stream& stream, int fd)
         }
         cut_into_packets(stream, fresh);
     }
-    return false;
+    return true;
 }
 
 // Waits until the port has something to read. Returns false when the reader has to end.
@@ -297,6 +302,7 @@ bool wait_for_input(int port, int socket)
 
 void* prv_read_thread(void* /*unused*/)
 {
+    // Nobody else closes them while the reader runs.
     const int port = sPktIOFd;
     const int socket = sSockets[0];
     Stream stream{};
@@ -311,9 +317,15 @@ void* prv_read_thread(void* /*unused*/)
     return nullptr;
 }
 
+ssize_t write_bytes(std::span<const uint8_t> bytes)
+{
+    const std::lock_guard lock(sDescriptorMutex);
+    return write(sPktIOFd, bytes.data(), bytes.size());
+}
+
 int write_to_port(int line, std::span<const uint8_t> bytes)
 {
-    if (write(sPktIOFd, bytes.data(), bytes.size()) >= 0)
+    if (write_bytes(bytes) >= 0)
         return 0;
     const int error = errno;
     __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL", "%s:%d write:errno=%d (%s):error writing\n", "pktio.c", line,
@@ -334,15 +346,28 @@ UniqueFd open_port(const char* device_path)
 
 int create_socket_pair()
 {
-    std::array<int, 2> pair = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0)
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sSockets.data()) != 0)
         return -1;
-    sSockets[0] = pair[0];
-    sSockets[1] = pair[1];
-    if (pair[0] < FD_SETSIZE)
+    if (sSockets[0] < FD_SETSIZE)
         return 0;
     errno = EMFILE;
     return -1;
+}
+
+// Wakes the reader for its end.
+void tell_reader_to_stop()
+{
+    std::unique_lock lock(sDescriptorMutex);
+    // A reader that ended by itself has closed the pair: no signal for that.
+    if (send(sSockets[1], stop_message.data(), stop_message.size(), MSG_NOSIGNAL) >= 0)
+        return;
+    __android_log_print(ANDROID_LOG_WARN, "RIL_ODL", "%s:%d socketpair:errno=%d:unable to write to socket pair\n",
+                        "pktio.c", 306, errno);
+    if (sSockets[1] == -1)
+        return;
+    __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL", "%s:%d socketpair:write:error on socket pair\n", "pktio.c", 309);
+    lock.unlock();
+    close_everything();
 }
 
 void reset_mode()
@@ -395,16 +420,7 @@ void pktio_shutdown()
         return;
 
     sStopping = true;
-    // A reader that ended by itself has closed the pair: no signal for that.
-    if (send(sSockets[1], stop_message.data(), stop_message.size(), MSG_NOSIGNAL) < 0) {
-        __android_log_print(ANDROID_LOG_WARN, "RIL_ODL", "%s:%d socketpair:errno=%d:unable to write to socket pair\n",
-                            "pktio.c", 306, errno);
-        if (sSockets[1] != -1) {
-            __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL", "%s:%d socketpair:write:error on socket pair\n",
-                                "pktio.c", 309);
-            close_everything();
-        }
-    }
+    tell_reader_to_stop();
     (void)pthread_join(sPktIOReadThread, nullptr);
     sPktIOUp = 0;
 }
@@ -431,13 +447,14 @@ int pktio_send_raw_packet(std::span<const uint8_t> bytes)
 
 int pktio_send_end_of_packet_char()
 {
-    const uint8_t flag = HDLC_END_OF_PACKET_CHAR;
-    return static_cast<int>(write(sPktIOFd, &flag, sizeof flag));
+    return static_cast<int>(write_bytes(std::array{HDLC_END_OF_PACKET_CHAR}));
 }
 
 void pktio_set_unframed_read(uint32_t on)
 {
-    const std::lock_guard lock(sModeMutex);
+    const std::scoped_lock lock(sModeMutex, sDescriptorMutex);
+    pollfd port = {sPktIOFd, POLLIN, 0};
+    (void)poll(&port, 1, 0); // moves what the driver still has on its way to where it is counted
     int waiting = 0;
     (void)ioctl(sPktIOFd, FIONREAD, &waiting); // leaves 0 where the port is gone
     sStaleBytes = static_cast<uint32_t>(std::max(waiting, 0));
