@@ -204,6 +204,7 @@ std::optional<int32_t> take_options(int32_t argc, char** argv)
 {
     reset_state();
     optind = 1;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no second thread yet
     for (int option = 0; (option = getopt(argc, argv, "p:D:t:n:N:dvho")) != -1;) {
         if (const auto status = take_option(option, optarg, argv[0]))
             return status;

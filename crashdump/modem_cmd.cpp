@@ -247,9 +247,9 @@ void send_diagcmd(std::string_view text)
     }
 }
 
-int32_t send_diagcmd2(std::string_view text, uint8_t* response, uint32_t& length)
+int32_t send_diagcmd2(std::string_view text, std::span<uint8_t> response, uint32_t& length)
 {
-    ResponseBuffer buffer = {length, 0, response};
+    ResponseBuffer buffer = {static_cast<uint32_t>(response.size()), 0, response.data()};
     length = 0;
     std::array<uint8_t, typed_request_size> request{};
     const uint32_t count = diag_parse2(request, text);
@@ -369,10 +369,10 @@ int32_t get_modem_sku(uint32_t& sku)
 {
     constexpr size_t sku_at = 4;
     std::array<uint8_t, 64> response{};
-    auto length = static_cast<uint32_t>(response.size());
+    uint32_t length = 0;
 
     (void)open_serial_port("/dev/ttyUSB0"); // ends the process where it fails
-    const int32_t result = send_diagcmd2("75,0,68,0", response.data(), length);
+    const int32_t result = send_diagcmd2("75,0,68,0", response, length);
     close_serial_port();
     if (result == 0)
         sku = get_le32(std::span(response).first(length), sku_at);

@@ -87,6 +87,7 @@ int out_of_space(int line, size_t bytes_left, uint32_t capacity)
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-non-const-parameter): `output` writes through it
 int hdlc_encode(std::span<const uint8_t> packet, uint8_t* out, uint32_t& out_length)
 {
     const uint32_t capacity = out_length;

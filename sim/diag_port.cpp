@@ -1,9 +1,4 @@
-#include "diag_port.h"
-
-#include "text.h"
-
-#include <algorithm>
-#include <array>
+#include "protocol.h"
 
 namespace sim {
 
@@ -18,19 +13,17 @@ constexpr size_t item_at = 1, value_at = 3, status_at = value_at + NvStore::valu
 // An error answer is one of these codes and then the request.
 constexpr uint8_t unknown_command = 0x13, bad_parameter = 0x14, bad_length = 0x15;
 
-constexpr std::array<uint8_t, 4> sku_request{0x4B, 0x00, 0x44, 0x00};
+constexpr uint8_t sku_request[] = {0x4B, 0x00, 0x44, 0x00}; // the answer has the SKU behind it
 constexpr uint8_t version_code = 0x00;
+constexpr uint8_t dload_codes[] = {0x06, 0x07, 0x0A, 0x10, 0x12, 0x14};
 
 // Requests that are answered by an echo and then obeyed. A request that begins like a row, up to `key` bytes, but
 // equals none is malformed.
 struct Order {
-    std::array<uint8_t, 6> bytes;
+    uint8_t bytes[6];
     size_t size;
     size_t key;
     Then then;
-
-    [[nodiscard]] View whole() const { return View(bytes).first(size); }
-    [[nodiscard]] bool begins(View request) const { return starts_with(request, View(bytes).first(key)); }
 };
 
 constexpr Order orders[] = {
@@ -43,101 +36,105 @@ constexpr Order orders[] = {
     {{0x4B, 0x00, 0x31, 0x00, 0x02}, 5, 4, Then::stay},
 };
 
-constexpr uint8_t dload_codes[] = {0x06, 0x07, 0x0A, 0x10, 0x12, 0x14};
-
-} // namespace
-
-Reply DiagPort::answer(View request)
+bool is_nv_code(uint8_t code)
 {
-    const uint8_t code = request.front();
-    if (code == nv_packet::read_code || code == nv_packet::write_code)
-        return nv_item(request);
-    if (code == version_code)
-        return version(request);
-    if (ModemService::is_request(request))
-        return service_.answer(request);
-    if (starts_with(request, sku_request))
-        return sku(request);
-
-    const auto same = [&](const Order& order) { return std::ranges::equal(order.whole(), request); };
-    if (const auto* order = std::ranges::find_if(orders, same); order != std::end(orders))
-        return {.packet = Bytes(request.begin(), request.end()), .then = order->then};
-
-    const auto of_same_length = [&](const Order& order) { return order.size == request.size(); };
-    const auto begins = [&](const Order& order) { return order.begins(request); };
-    if (std::ranges::any_of(orders, [&](const Order& order) { return begins(order) && of_same_length(order); }))
-        return error(request, bad_parameter, "DIAG request with a wrong parameter");
-    if (std::ranges::any_of(orders, begins))
-        return error(request, bad_length, "DIAG request of a wrong length");
-    if (std::ranges::find(dload_codes, code) != std::end(dload_codes))
-        return error(request, unknown_command,
-                     "DLOAD command " + hex(request.first(1)) + " to a modem that is not in DLOAD mode");
-    return error(request, unknown_command, "unknown DIAG command " + hex(request, 4));
+    return code == nv_packet::read_code || code == nv_packet::write_code;
 }
 
-Reply DiagPort::answer_to_damaged_frame(FrameState)
-{
-    return {}; // DIAG has no answer to what it cannot read; the host's time-out tells
-}
+class Diag : public Protocol {
+public:
+    Diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku, const Journal& journal)
+        : nv_(nv), service_(std::move(service)), sku_(sku), journal_(journal)
+    {
+    }
 
-Bytes DiagPort::refusal(View request, uint8_t code) const
-{
-    if (request.size() == nv_packet::size &&
-        (request.front() == nv_packet::read_code || request.front() == nv_packet::write_code)) {
-        Bytes packet(request.begin(), request.begin() + nv_packet::status_at);
+    Reply answer(View request) override
+    {
+        const uint8_t code = request.front();
+        if (is_nv_code(code))
+            return nv_item(request);
+        if (starts_with(request, service_header))
+            return service_->answer(request);
+        if (code == version_code && request.size() == 1)
+            return {.packet = with_code(version_code, bytes_of("Jan 01 202412:00:00Jan 01 202412:00:00VIRTUAL "))};
+        if (std::ranges::equal(request, sku_request)) {
+            Bytes packet = copy_of(request);
+            add_le16(packet, sku_ & 0xFFFF);
+            add_le16(packet, sku_ >> 16);
+            return {.packet = packet};
+        }
+        return order(request);
+    }
+
+    Bytes refusal(View request, uint8_t code) const override
+    {
+        if (starts_with(request, service_header))
+            return service_->refusal(request, code);
+        if (request.size() != nv_packet::size || !is_nv_code(request.front()))
+            return with_code(code, request);
+        Bytes packet = copy_of(request.first(nv_packet::status_at));
         add_le16(packet, code);
         return packet;
     }
-    if (ModemService::is_request(request))
-        return ModemService::refusal(request, code);
-    return with_code(code, request);
-}
 
-Reply DiagPort::error(View request, uint8_t code, const std::string& complaint) const
-{
-    journal_.complain(complaint);
-    return {.packet = with_code(code, request)};
-}
-
-Reply DiagPort::nv_item(View request) const
-{
-    using namespace nv_packet;
-    if (request.size() != size)
-        return error(request, bad_length, "NV request of " + std::to_string(request.size()) + " bytes");
-    if (get_le16(request, status_at) != 0)
-        return error(request, bad_parameter, "NV request with a status that is not zero");
-    const uint16_t item = get_le16(request, item_at);
-    const View given = request.subspan(value_at, NvStore::value_size);
-    Bytes value(given.begin(), given.end());
-    uint16_t status = nv_failed;
-    if (request.front() == write_code) {
-        status = nv_.write(item, given);
-    } else {
-        if (std::any_of(given.begin() + 1, given.end(), [](uint8_t byte) { return byte != 0; }))
-            return error(request, bad_parameter, "NV read with data behind the index");
-        status = nv_.read(item, value);
+private:
+    Reply error(View request, uint8_t code, const std::string& complaint) const
+    {
+        journal_.complain(complaint);
+        return {.packet = with_code(code, request)};
     }
 
-    Bytes packet(request.begin(), request.begin() + value_at);
-    add(packet, value);
-    add_le16(packet, status);
-    return {.packet = packet};
-}
+    Reply order(View request) const
+    {
+        bool begins = request.front() == version_code || starts_with(request, sku_request), fits = false;
+        for (const Order& row : orders) {
+            if (std::ranges::equal(View(row.bytes).first(row.size), request))
+                return {.packet = copy_of(request), .then = row.then};
+            if (!starts_with(request, View(row.bytes).first(row.key)))
+                continue;
+            begins = true;
+            fits = fits || row.size == request.size();
+        }
+        if (begins)
+            return error(request, fits ? bad_parameter : bad_length, "malformed DIAG request " + hex(request));
+        if (std::ranges::find(dload_codes, request.front()) != std::end(dload_codes))
+            return error(request, unknown_command, "DLOAD command to a modem that is not in DLOAD mode");
+        return error(request, unknown_command, "unknown DIAG command");
+    }
 
-Reply DiagPort::version(View request) const
-{
-    if (request.size() != 1)
-        return error(request, bad_length, "version request of a wrong length");
-    return {.packet = with_code(version_code, bytes_of("Jan 01 202412:00:00Jan 01 202412:00:00VIRTUAL "))};
-}
+    Reply nv_item(View request) const
+    {
+        using namespace nv_packet;
+        if (request.size() != size)
+            return error(request, bad_length, "NV request of " + std::to_string(request.size()) + " bytes");
+        const bool writes = request.front() == write_code;
+        const View given = request.subspan(value_at, NvStore::value_size);
+        // Only the index says anything in the value of a read.
+        const bool clean = std::ranges::all_of(given.subspan(1), [](uint8_t byte) { return byte == 0; });
+        if (get_le16(request, status_at) != 0 || (!writes && !clean))
+            return error(request, bad_parameter, "NV request with padding that is not zero");
 
-Reply DiagPort::sku(View request) const
+        Bytes value = copy_of(given);
+        const uint16_t item = get_le16(request, item_at);
+        const uint16_t status = writes ? nv_.write(item, value) : nv_.read(item, value);
+        Bytes packet = copy_of(request.first(value_at));
+        add(packet, value);
+        add_le16(packet, status);
+        return {.packet = packet};
+    }
+
+    const NvStore& nv_;
+    std::unique_ptr<Protocol> service_;
+    uint32_t sku_;
+    const Journal& journal_;
+};
+
+} // namespace
+
+std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku,
+                                    const Journal& journal)
 {
-    if (request.size() != sku_request.size())
-        return error(request, bad_length, "SKU request of a wrong length");
-    Bytes packet(request.begin(), request.end());
-    add_le32(packet, sku_);
-    return {.packet = packet};
+    return std::make_unique<Diag>(nv, std::move(service), sku, journal);
 }
 
 } // namespace sim

@@ -1,12 +1,5 @@
 #include "faults.h"
 
-#include "dload_port.h"
-#include "text.h"
-#include "usage_error.h"
-
-#include <algorithm>
-#include <array>
-
 namespace sim {
 
 namespace {
@@ -14,61 +7,53 @@ namespace {
 enum class Argument { none, optional, number, text };
 
 struct FaultRow {
-    FaultWord word;
-    const char* name;
+    std::string_view word; // "at-": of AT commands, else of replies on the packet port
     Argument argument;
     uint32_t standard; // of an optional argument
-    const char* shows; // how the help names the argument
+    const char* form;  // of the argument, in the help
     const char* help;
 };
 
 constexpr FaultRow rows[] = {
-    {FaultWord::drop, "drop", Argument::none, 0, "", "the reply is not sent"},
-    {FaultWord::silence, "silence", Argument::none, 0, "", "no reply from this one on; the port stays"},
-    {FaultWord::delay, "delay", Argument::number, 0, ":MS", "the reply comes MS milliseconds late"},
-    {FaultWord::badfcs, "badfcs", Argument::none, 0, "", "the frame's check sequence is wrong"},
-    {FaultWord::nak, "nak", Argument::optional, 6, "[:REASON]", "03 00 REASON instead (6)"},
-    {FaultWord::refuse, "refuse", Argument::number, 0, ":CODE",
+    {"drop", Argument::none, 0, "", "the reply is not sent"},
+    {"silence", Argument::none, 0, "", "no reply from this one on; the port stays"},
+    {"delay", Argument::number, 0, ":MS", "the reply comes MS milliseconds late"},
+    {"badfcs", Argument::none, 0, "", "the frame's check sequence is wrong"},
+    {"nak", Argument::optional, 6, "[:REASON]", "03 00 REASON instead (6)"},
+    {"refuse", Argument::number, 0, ":CODE",
      "a refusal instead: modem service error CODE, NV status CODE, DIAG error answer CODE, or NAK CODE"},
-    {FaultWord::error, "error", Argument::optional, 0x13, "[:CODE]", "CODE and the request instead (0x13)"},
-    {FaultWord::shorten, "short", Argument::number, 0, ":BYTES", "the reply is cut to BYTES bytes, with a good FCS"},
-    {FaultWord::oversize, "oversize", Argument::none, 0, "", "the length that the reply announces is all ones"},
-    {FaultWord::empty, "empty", Argument::none, 0, "", "two flags come first"},
-    {FaultWord::noise, "noise", Argument::none, 0, "", "one packet of every code that a host ignores comes first"},
-    {FaultWord::stray, "stray", Argument::none, 0, "", "a packet that no host knows comes first"},
-    {FaultWord::pair, "pair", Argument::none, 0, "", "a packet to ignore and the reply come in one write"},
-    {FaultWord::twice, "twice", Argument::none, 0, "", "the reply comes twice"},
-    {FaultWord::dribble, "dribble", Argument::optional, 200, "[:US]", "byte by byte, US microseconds apart (200)"},
-    {FaultWord::unplug, "unplug", Argument::optional, 0, "[:BYTES]",
-     "BYTES bytes of the reply (0), then the modem is gone for good"},
-    {FaultWord::at_silence, "at-silence", Argument::none, 0, "", "the command is not answered"},
-    {FaultWord::at_error, "at-error", Argument::none, 0, "", "ERROR, and the command is not obeyed"},
-    {FaultWord::at_text, "at-text", Argument::text, 0, ":TEXT", "TEXT and nothing else is the answer"},
-    {FaultWord::at_echo, "at-echo", Argument::none, 0, "", "ATE0 gives ERROR and the echo stays on"},
-    {FaultWord::at_long, "at-long", Argument::number, 0, ":BYTES", "an answer of BYTES bytes, then OK"},
-    {FaultWord::at_delay, "at-delay", Argument::number, 0, ":MS", "the answer comes MS milliseconds late"},
-    {FaultWord::at_dribble, "at-dribble", Argument::optional, 200, "[:US]",
-     "byte by byte, US microseconds apart (200)"},
-    {FaultWord::at_unplug, "at-unplug", Argument::optional, 0, "[:BYTES]",
-     "BYTES bytes of the answer (0), then the modem is gone for good"},
+    {"error", Argument::optional, 0x13, "[:CODE]", "CODE and the request instead (0x13)"},
+    {"short", Argument::number, 0, ":BYTES", "the reply is cut to BYTES bytes, with a good FCS"},
+    {"oversize", Argument::none, 0, "", "the length that the reply announces is all ones"},
+    {"empty", Argument::none, 0, "", "two flags come first"},
+    {"noise", Argument::none, 0, "", "one packet of every code that a host ignores comes first"},
+    {"stray", Argument::none, 0, "", "a packet that no host knows comes first"},
+    {"pair", Argument::none, 0, "", "a packet to ignore and the reply come in one write"},
+    {"twice", Argument::none, 0, "", "the reply comes twice"},
+    {"dribble", Argument::optional, 200, "[:US]", "byte by byte, US microseconds apart (200)"},
+    {"unplug", Argument::optional, 0, "[:BYTES]", "BYTES bytes of the reply (0), then the modem is gone for good"},
+    {"at-silence", Argument::none, 0, "", "the command is not answered"},
+    {"at-error", Argument::none, 0, "", "ERROR, and the command is not obeyed"},
+    {"at-text", Argument::text, 0, ":TEXT", "TEXT and nothing else is the answer"},
+    {"at-echo", Argument::none, 0, "", "ATE0 gives ERROR and the echo stays on"},
+    {"at-long", Argument::number, 0, ":BYTES", "an answer of BYTES bytes, then OK"},
+    {"at-delay", Argument::number, 0, ":MS", "the answer comes MS milliseconds late"},
+    {"at-dribble", Argument::optional, 200, "[:US]", "byte by byte, US microseconds apart (200)"},
+    {"at-unplug", Argument::optional, 0, "[:BYTES]", "BYTES bytes of the answer (0), then the modem is gone for good"},
 };
 
-// What a running modem sends unasked, by first byte.
-constexpr uint8_t ignorable_codes[] = {0x1F, 0x60, 0x79, 0x7E, 0x92, 0x10};
+// What a running modem sends unasked, by first byte, and one that no host knows.
+constexpr uint8_t ignorable_codes[] = {0x1F, 0x60, 0x79, 0x7E, 0x92, 0x10}, stray_code = 0xA5;
 
-Bytes unasked_packet(uint8_t code)
+Bytes unasked(uint8_t code)
 {
     return frame(Bytes{code, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06});
 }
 
-Bytes cut(const Bytes& bytes, uint32_t length)
+template <typename Sequence>
+void cut(Sequence& sequence, size_t length)
 {
-    return {bytes.begin(), bytes.begin() + std::min<ptrdiff_t>(length, std::ssize(bytes))};
-}
-
-std::chrono::microseconds milliseconds(uint32_t number)
-{
-    return std::chrono::milliseconds(number);
+    sequence.resize(std::min(length, sequence.size()));
 }
 
 } // namespace
@@ -78,37 +63,27 @@ Fault Fault::parse(std::string_view given)
     const auto wrong = [&](const std::string& why) {
         return UsageError("--fault " + std::string(given) + ": " + why + "\nfaults are\n" + help());
     };
-    const size_t at = given.find('@');
-    const auto row = std::ranges::find(rows, given.substr(0, at), &FaultRow::name);
-    if (row == std::end(rows))
-        throw wrong("no such word");
-    if (at == std::string_view::npos)
-        throw wrong("@N is missing");
-
-    std::string_view count = given.substr(at + 1);
-    const size_t colon = count.find(':');
-    const auto argument = colon == std::string_view::npos ? std::nullopt : std::optional(count.substr(colon + 1));
-    count = count.substr(0, colon);
-    const bool onwards = count.ends_with('+');
-    if (onwards)
-        count.remove_suffix(1);
-    const auto first = parse_number(count);
+    const size_t at = given.find('@'), colon = given.find(':');
+    const auto row = std::ranges::find(rows, given.substr(0, at), &FaultRow::word);
+    if (row == std::end(rows) || at == std::string_view::npos)
+        throw wrong("not WORD@N");
+    std::string_view count = given.substr(at + 1, colon - at - 1);
+    const bool plus = count.ends_with('+');
+    const auto first = parse_number(count.substr(0, count.size() - (plus ? 1 : 0)));
     if (!first || *first == 0)
         throw wrong("N is a number from 1");
 
-    Fault fault{row->word, *first, onwards || row->word == FaultWord::silence, row->standard, {}, std::string(given)};
-    if (argument.has_value() ? row->argument == Argument::none
-                             : row->argument == Argument::number || row->argument == Argument::text)
-        throw wrong(argument ? "takes no argument" : "the argument is missing");
-    if (argument && row->argument == Argument::text)
-        fault.text = *argument;
-    else if (argument) {
-        const auto number = parse_number(*argument);
-        if (!number)
-            throw wrong("the argument is not a number");
-        fault.number = *number;
-    }
-    return fault;
+    const bool has_argument = colon != std::string_view::npos;
+    const std::string_view argument = has_argument ? given.substr(colon + 1) : std::string_view();
+    if (has_argument ? row->argument == Argument::none : row->argument >= Argument::number)
+        throw wrong(has_argument ? "takes no argument" : "the argument is missing");
+    std::optional<uint32_t> number = row->standard;
+    if (has_argument && row->argument != Argument::text)
+        number = parse_number(argument);
+    if (!number)
+        throw wrong("the argument is not a number");
+    return {std::string(row->word), *first, plus || row->word == "silence", *number, std::string(argument),
+            std::string(given)};
 }
 
 std::string Fault::help()
@@ -116,107 +91,104 @@ std::string Fault::help()
     constexpr size_t width = 24;
     std::string text;
     for (const FaultRow& row : rows) {
-        std::string form = std::string("  ") + row.name + "@N" + row.shows;
-        form.resize(std::max(width, form.size() + 1), ' ');
+        std::string form = "  " + std::string(row.word) + "@N" + row.form;
+        form.resize(width, ' ');
         text += form + row.help + "\n";
     }
     return text;
 }
 
-const Fault* Faults::due(FaultWord word, unsigned count) const
+const Fault* Faults::due(std::string_view word) const
 {
-    const auto fault = std::ranges::find_if(faults_, [&](const Fault& candidate) {
-        return candidate.word == word && (candidate.onwards ? count >= candidate.first : count == candidate.first);
-    });
-    if (fault == faults_.end())
-        return nullptr;
-    journal_.note("fault " + fault->given);
-    return &*fault;
+    const unsigned count = word.starts_with("at-") ? commands_ : replies_;
+    for (const Fault& fault : faults_) {
+        if (fault.word != word || count < fault.first || (count > fault.first && !fault.onwards))
+            continue;
+        journal_.note("fault " + fault.given);
+        return &fault;
+    }
+    return nullptr;
 }
 
-Reply Faults::spoilt(Reply reply, View request, const Protocol& protocol) const
+void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
 {
-    Bytes& packet = reply.packet;
-    if (due(FaultWord::oversize, replies_) != nullptr && reply.length_at + reply.length_size <= packet.size())
-        std::fill_n(packet.begin() + static_cast<ptrdiff_t>(reply.length_at), reply.length_size, uint8_t{0xFF});
+    if (due("oversize") != nullptr && reply.length_at + reply.length_size <= reply.packet.size())
+        std::fill_n(reply.packet.begin() + static_cast<ptrdiff_t>(reply.length_at), reply.length_size, uint8_t{0xFF});
 
     // A refusal travels in a frame, also where the data would not.
-    const auto replace = [&](Bytes other) { reply = {.packet = std::move(other), .then = reply.then}; };
-    if (const Fault* fault = due(FaultWord::nak, replies_))
+    const auto replace = [&](Bytes packet) { reply = {.packet = std::move(packet)}; };
+    if (const Fault* fault = due("nak"))
         replace(nak_packet(byte_of(fault->number, 0)));
-    if (const Fault* fault = due(FaultWord::refuse, replies_))
+    if (const Fault* fault = due("refuse"))
         replace(protocol.refusal(request, byte_of(fault->number, 0)));
-    if (const Fault* fault = due(FaultWord::error, replies_))
+    if (const Fault* fault = due("error"))
         replace(with_code(byte_of(fault->number, 0), request));
-    if (const Fault* fault = due(FaultWord::shorten, replies_))
-        packet = cut(packet, fault->number);
-    return reply;
+    if (const Fault* fault = due("short"))
+        cut(reply.packet, fault->number);
 }
 
-Delivery Faults::deliver(const Reply& reply, View request, const Protocol& protocol)
+Delivery Faults::deliver(Reply reply, View request, const Protocol& protocol)
 {
     ++replies_;
-    if (due(FaultWord::silence, replies_) != nullptr || due(FaultWord::drop, replies_) != nullptr)
+    if (due("silence") != nullptr || due("drop") != nullptr)
         return {};
-
-    const Reply sent = spoilt(reply, request, protocol);
-    const bool spoil_fcs = due(FaultWord::badfcs, replies_) != nullptr;
-    Bytes wire = sent.framed ? frame(sent.packet, spoil_fcs) : sent.packet;
+    spoil(reply, request, protocol);
+    const bool bad_fcs = due("badfcs") != nullptr;
+    Bytes wire = reply.framed ? frame(reply.packet, bad_fcs) : reply.packet;
 
     Delivery delivery;
-    const auto put = [&](Bytes bytes) { delivery.chunks.push_back({.bytes = std::move(bytes)}); };
-    if (due(FaultWord::empty, replies_) != nullptr)
+    const auto put = [&](const Bytes& bytes) { delivery.chunks.push_back({.bytes = bytes}); };
+    if (due("empty") != nullptr)
         put({flag_byte, flag_byte});
-    if (due(FaultWord::noise, replies_) != nullptr)
-        std::ranges::for_each(ignorable_codes, [&](uint8_t code) { put(unasked_packet(code)); });
-    if (due(FaultWord::stray, replies_) != nullptr)
-        put(unasked_packet(0xA5));
-    if (due(FaultWord::pair, replies_) != nullptr) {
-        const Bytes noise = unasked_packet(ignorable_codes[0]);
-        wire.insert(wire.begin(), noise.begin(), noise.end());
+    if (due("noise") != nullptr)
+        std::ranges::for_each(ignorable_codes, [&](uint8_t code) { put(unasked(code)); });
+    if (due("stray") != nullptr)
+        put(unasked(stray_code));
+    if (due("pair") != nullptr) {
+        Bytes both = unasked(ignorable_codes[0]);
+        add(both, wire);
+        wire = both;
     }
-    const bool twice = due(FaultWord::twice, replies_) != nullptr;
-    if (const Fault* fault = due(FaultWord::unplug, replies_)) {
-        wire = cut(wire, fault->number);
+    if (const Fault* fault = due("unplug")) {
+        cut(wire, fault->number);
         delivery.unplug = true;
     }
     put(wire);
-    if (twice)
+    if (due("twice") != nullptr)
         put(wire);
 
-    if (const Fault* fault = due(FaultWord::delay, replies_))
-        delivery.chunks.front().delay = milliseconds(fault->number);
-    if (const Fault* fault = due(FaultWord::dribble, replies_))
+    if (const Fault* fault = due("delay"))
+        delivery.chunks.front().delay = std::chrono::milliseconds(fault->number);
+    if (const Fault* fault = due("dribble"))
         for (Chunk& chunk : delivery.chunks)
             chunk.pace = std::chrono::microseconds(fault->number);
     return delivery;
 }
 
-bool Faults::fails(bool turns_echo_off) const
+bool Faults::refuse_command(bool turns_echo_off)
 {
-    return due(FaultWord::at_error, commands_) != nullptr ||
-           (turns_echo_off && due(FaultWord::at_echo, commands_) != nullptr);
+    ++commands_;
+    return due("at-error") != nullptr || (turns_echo_off && due("at-echo") != nullptr);
 }
 
-Delivery Faults::deliver_at(const std::string& answer) const
+Delivery Faults::deliver_at(std::string answer) const
 {
-    std::string text = answer;
-    if (due(FaultWord::at_silence, commands_) != nullptr)
+    if (due("at-silence") != nullptr)
         return {};
-    if (const Fault* fault = due(FaultWord::at_text, commands_))
-        text = "\r\n" + fault->text + "\r\n";
-    if (const Fault* fault = due(FaultWord::at_long, commands_))
-        text = "\r\n" + std::string(fault->number, 'x') + "\r\nOK\r\n";
+    if (const Fault* fault = due("at-text"))
+        answer = "\r\n" + fault->text + "\r\n";
+    if (const Fault* fault = due("at-long"))
+        answer = "\r\n" + std::string(fault->number, 'x') + "\r\nOK\r\n";
 
     Delivery delivery;
-    if (const Fault* fault = due(FaultWord::at_unplug, commands_)) {
-        text.resize(std::min<size_t>(fault->number, text.size()));
+    if (const Fault* fault = due("at-unplug")) {
+        cut(answer, fault->number);
         delivery.unplug = true;
     }
-    Chunk chunk{.bytes = bytes_of(text)};
-    if (const Fault* fault = due(FaultWord::at_delay, commands_))
-        chunk.delay = milliseconds(fault->number);
-    if (const Fault* fault = due(FaultWord::at_dribble, commands_))
+    Chunk chunk{.bytes = bytes_of(answer)};
+    if (const Fault* fault = due("at-delay"))
+        chunk.delay = std::chrono::milliseconds(fault->number);
+    if (const Fault* fault = due("at-dribble"))
         chunk.pace = std::chrono::microseconds(fault->number);
     delivery.chunks.push_back(std::move(chunk));
     return delivery;

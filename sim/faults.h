@@ -2,49 +2,17 @@
 // the commands on the AT ports, from 1 at the start of each mode of the modem.
 #pragma once
 
-#include "journal.h"
 #include "port.h"
 #include "protocol.h"
 
-#include <optional>
-#include <string>
-#include <vector>
-
 namespace sim {
 
-enum class FaultWord {
-    drop,
-    silence,
-    delay,
-    badfcs,
-    nak,
-    refuse,
-    error,
-    shorten,
-    oversize,
-    empty,
-    noise,
-    stray,
-    pair,
-    twice,
-    dribble,
-    unplug,
-    at_silence,
-    at_error,
-    at_text,
-    at_echo,
-    at_long,
-    at_delay,
-    at_dribble,
-    at_unplug,
-};
-
 struct Fault {
-    FaultWord word;
+    std::string word;
     unsigned first;
     bool onwards;
-    uint32_t number; // the argument, or what stands for it
-    std::string text;
+    uint32_t number;   // the argument, or what stands for it
+    std::string text;  // the argument of a word that takes a text
     std::string given; // as written on the command line
 
     // Throws UsageError.
@@ -64,17 +32,15 @@ public:
 
     void begin_mode() { replies_ = commands_ = 0; }
 
-    [[nodiscard]] Delivery deliver(const Reply& reply, View request, const Protocol& protocol);
-    // An AT command was received.
-    void count_command() { ++commands_; }
-    // Whether the command fails although it would have been obeyed.
-    [[nodiscard]] bool fails(bool turns_echo_off) const;
-    [[nodiscard]] Delivery deliver_at(const std::string& answer) const;
+    [[nodiscard]] Delivery deliver(Reply reply, View request, const Protocol& protocol);
+    // An AT command was received; true when it fails although it would have been obeyed.
+    [[nodiscard]] bool refuse_command(bool turns_echo_off);
+    [[nodiscard]] Delivery deliver_at(std::string answer) const;
 
 private:
     // The fault of this word that is due now, noted in the journal.
-    [[nodiscard]] const Fault* due(FaultWord word, unsigned count) const;
-    [[nodiscard]] Reply spoilt(Reply reply, View request, const Protocol& protocol) const;
+    [[nodiscard]] const Fault* due(std::string_view word) const;
+    void spoil(Reply& reply, View request, const Protocol& protocol) const;
 
     std::vector<Fault> faults_;
     const Journal& journal_;

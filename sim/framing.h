@@ -1,9 +1,7 @@
 // Frames on a packet port: payload, CRC-16/X-25 (low byte first), both byte-stuffed, then one closing flag.
 #pragma once
 
-#include "fields.h"
-
-#include <optional>
+#include "bytes.h"
 
 namespace sim {
 

@@ -1,44 +1,28 @@
 // virtual_tablet: makes a tablet with a virtual modem and runs commands in it. See help() in options.cpp.
 #include "options.h"
 #include "tablet.h"
-#include "usage_error.h"
 
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <iostream>
 #include <sys/signalfd.h>
-#include <sys/wait.h>
 
 namespace {
 
 using namespace sim;
 
 // Signals as something to poll.
-class Signals {
-public:
-    explicit Signals(std::initializer_list<int> numbers)
-    {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int number : numbers)
-            sigaddset(&set, number);
-        must(sigprocmask(SIG_BLOCK, &set, nullptr), "sigprocmask");
-        fd_ = Fd(must(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd"));
-    }
-
-    [[nodiscard]] int fd() const { return fd_.get(); }
-    [[nodiscard]] std::optional<signalfd_siginfo> take() const
-    {
-        signalfd_siginfo info{};
-        if (read(fd(), &info, sizeof info) != static_cast<ssize_t>(sizeof info))
-            return std::nullopt;
-        return info;
-    }
-
-private:
-    Fd fd_;
-};
+Fd signals(std::initializer_list<int> numbers)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : numbers)
+        sigaddset(&set, number);
+    must(sigprocmask(SIG_BLOCK, &set, nullptr), "sigprocmask");
+    return Fd(must(signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
+}
 
 // The program of the same build: beside this one, or one directory above.
 std::optional<fs::path> built_tessel()
@@ -54,64 +38,67 @@ void prepare(const Options& options, const fs::path& root)
 {
     make_tablet(root, options.tessel ? options.tessel : built_tessel());
     const NvStore store(root / "modem/nv");
-    if (options.nv) {
-        const auto text = read_file(*options.nv);
-        if (!text)
-            throw UsageError("cannot read " + options.nv->string());
-        store.load(*text, *options.nv);
-    } else if (fs::is_empty(root / "modem/nv")) {
-        store.load(default_nv_items, "default");
-    }
+    const auto items = options.nv ? read_file(*options.nv) : std::string(default_nv_items);
+    if (!items)
+        throw UsageError("cannot read " + options.nv->string());
+    if (options.nv || fs::is_empty(root / "modem/nv"))
+        store.load(*items, options.nv.value_or("default"));
 }
 
 int run_command(const Options& options)
 {
-    std::optional<TemporaryRoot> temporary;
-    if (!options.root)
-        temporary.emplace();
-    const fs::path root = options.root ? *options.root : temporary->path();
-    prepare(options, root);
-
-    const Signals signals({SIGCHLD, SIGTERM, SIGHUP, SIGINT, SIGQUIT});
-    Modem modem(root / "dev", root / "modem", options.modem);
-    const pid_t child = start_in_tablet(root, options.command);
+    const Fd caught = signals({SIGTERM, SIGHUP, SIGINT, SIGQUIT});
+    const Keeper keeper(options.root, options.command);
+    prepare(options, keeper.root());
+    Modem modem(keeper.root() / "dev", keeper.root() / "modem", options.modem);
+    keeper.start();
     while (true) {
-        std::array<pollfd, 1> events{{{signals.fd(), POLLIN, 0}}};
+        std::array<pollfd, 2> events{{{caught.get(), POLLIN, 0}, {keeper.fd(), POLLIN, 0}}};
         modem.step(events);
-        while (const auto info = signals.take()) {
-            int status = 0;
-            if (waitpid(child, &status, WNOHANG) == child)
-                return exit_status(status);
-            // What the terminal sends reaches the command without us, and the command may well live on.
-            if (info->ssi_signo != SIGCHLD && info->ssi_code != SI_KERNEL)
-                kill(child, static_cast<int>(info->ssi_signo));
-        }
+        if (events[1].revents != 0)
+            return keeper.status();
+        signalfd_siginfo info{};
+        // What the terminal sends reaches the command without us, and the command may well live on.
+        if (events[0].revents != 0 && read(caught.get(), &info, sizeof info) > 0 && info.ssi_code != SI_KERNEL)
+            keeper.signal(info.ssi_signo);
     }
 }
 
 int serve(const Options& options)
 {
     prepare(options, *options.root);
-    const Signals signals({SIGTERM, SIGINT});
+    const Fd caught = signals({SIGTERM, SIGINT});
     Modem modem(*options.root / "dev", *options.root / "modem", options.modem);
     std::cout << "ready" << std::endl;
+    std::array<char, 512> ignored{};
     while (true) {
-        std::array<pollfd, 2> events{{{signals.fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
+        std::array<pollfd, 2> events{{{caught.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
         modem.step(events);
         if (events[0].revents != 0)
             return 0;
-        std::array<char, 512> ignored{};
         if (events[1].revents != 0 && read(STDIN_FILENO, ignored.data(), ignored.size()) <= 0)
             return 0;
     }
 }
 
-int check()
+// Runs a command that does nothing, with what goes wrong caught in a file.
+int check(Options options)
 {
-    const auto obstacle = sandbox_obstacle();
-    if (obstacle)
-        std::cerr << "virtual_tablet: " << *obstacle << '\n';
-    return obstacle ? 1 : 0;
+    options.command = {"true"};
+    options.modem.mode = Mode::absent;
+    std::array<int, 2> ends{};
+    must(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), "pipe");
+    const Fd reader(ends[0]), writer(ends[1]), terminal(dup(STDERR_FILENO));
+    must(dup2(writer.get(), STDERR_FILENO), "dup2");
+    const int status = run_command(options);
+    must(dup2(terminal.get(), STDERR_FILENO), "dup2");
+    if (status == 0)
+        return 0;
+
+    std::array<char, 4096> said{};
+    const auto count = std::max<ssize_t>(0, read(reader.get(), said.data(), said.size()));
+    std::cerr << "virtual_tablet: " << sandbox_obstacle({said.data(), static_cast<size_t>(count)}) << '\n';
+    return 1;
 }
 
 int run(const Options& options)
@@ -124,7 +111,7 @@ int run(const Options& options)
     case Job::run:
         enter_tablet(*options.root, options.command);
     case Job::check:
-        return check();
+        return check(options);
     case Job::help:
         std::cout << help();
         return 0;

@@ -1,8 +1,5 @@
 #include "memory.h"
 
-#include "text.h"
-
-#include <algorithm>
 #include <set>
 
 namespace sim {
@@ -30,10 +27,9 @@ uint64_t scramble(uint64_t word)
 std::optional<Bytes> Memory::read(uint32_t address, uint32_t length) const
 {
     const auto holds = [&](const Region& region) {
-        return address >= region.base && address - region.base <= region.size &&
-               length <= region.size - (address - region.base);
+        return address >= region.base && uint64_t{address} + length <= uint64_t{region.base} + region.size;
     };
-    if (length == 0 || std::none_of(regions_.begin(), regions_.end(), holds))
+    if (length == 0 || std::ranges::none_of(regions_, holds))
         return std::nullopt;
     return generate(address, length);
 }

@@ -4,10 +4,6 @@
 
 #include "os.h"
 
-#include <optional>
-#include <string>
-#include <vector>
-
 namespace sim {
 
 struct Region {

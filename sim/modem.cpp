@@ -1,7 +1,5 @@
 #include "modem.h"
 
-#include <algorithm>
-
 namespace sim {
 
 namespace {
@@ -12,21 +10,11 @@ using std::chrono::milliseconds;
 constexpr milliseconds last_words{150};
 constexpr milliseconds never{-1};
 
-const char* name_of(Mode mode)
+constexpr const char* mode_names[] = {"absent", "normal", "offline", "dload", "fastboot"};
+
+std::string state(Mode mode)
 {
-    switch (mode) {
-    case Mode::normal:
-        return "normal";
-    case Mode::offline:
-        return "offline";
-    case Mode::dload:
-        return "dload";
-    case Mode::fastboot:
-        return "fastboot";
-    case Mode::absent:
-        break;
-    }
-    return "absent";
+    return std::string("state ") + mode_names[static_cast<size_t>(mode)];
 }
 
 } // namespace
@@ -43,16 +31,15 @@ void Modem::enter(Mode mode)
     faults_.begin_mode();
     if (mode == Mode::dload) {
         memory_.save(home_ / "memory");
-        protocol_ = std::make_unique<DloadPort>(memory_, settings_.dload_version, settings_.region_table, journal_);
+        protocol_ = make_dload(memory_, settings_.dload_version, settings_.region_table, journal_);
         lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
     } else if (mode == Mode::normal) {
-        protocol_ = std::make_unique<DiagPort>(nv_, ModemService(home_, settings_.apps_version, journal_),
-                                               settings_.sku, journal_);
+        protocol_ = make_diag(nv_, make_service(home_, settings_.apps_version, journal_), settings_.sku, journal_);
         lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
         for (const std::string name : {"ttyUSB1", "ttyUSB2"})
             lines_.push_back({Port(nodes_ / name), {}, AtPort(name, settings_.revision, faults_, journal_)});
     }
-    journal_.note(std::string("state ") + name_of(mode));
+    journal_.note(state(mode));
 }
 
 void Modem::leave(Mode next, milliseconds away)
@@ -127,7 +114,7 @@ void Modem::pass_time()
 void Modem::receive(Line& line)
 {
     const Bytes input = line.port.receive();
-    if (departure_)
+    if (input.empty() || departure_)
         return; // a modem on its way out hears nothing
     if (!line.at)
         return receive_packets(line, input);
@@ -172,7 +159,7 @@ void Modem::carry_out(Then then)
     case Then::stay:
         return;
     case Then::go_offline:
-        return journal_.note(std::string("state ") + name_of(Mode::offline));
+        return journal_.note(state(Mode::offline));
     case Then::crash:
         return leave(Mode::dload, settings_.reenumerate);
     case Then::reboot:

@@ -2,10 +2,7 @@
 #pragma once
 
 #include "at_port.h"
-#include "diag_port.h"
-#include "dload_port.h"
 
-#include <memory>
 #include <poll.h>
 
 namespace sim {

@@ -1,8 +1,5 @@
 #include "nv_store.h"
 
-#include "text.h"
-#include "usage_error.h"
-
 #include <algorithm>
 
 namespace sim {
@@ -145,7 +142,7 @@ void NvStore::save(uint16_t number, const Item& item) const
                 .append(std::to_string(value.write_status) + " ");
         text += hex(View(value.bytes).first(std::max(used, std::min<size_t>(1, value.bytes.size())))) + "\n";
     }
-    write_file(path_of(number), text);
+    write_file(path_of(number), bytes_of(text));
 }
 
 } // namespace sim

@@ -1,8 +1,5 @@
 #include "options.h"
 
-#include "text.h"
-#include "usage_error.h"
-
 #include <algorithm>
 
 namespace sim {

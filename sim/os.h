@@ -1,13 +1,10 @@
-// Descriptors that close themselves, and whole files. Failures of the system are std::system_error.
+// Descriptors that close themselves, whole files, the journal. Failures of the system are std::system_error.
 #pragma once
 
-#include "fields.h"
+#include "bytes.h"
 
 #include <cerrno>
 #include <filesystem>
-#include <optional>
-#include <string>
-#include <string_view>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -33,7 +30,7 @@ public:
     void close()
     {
         if (fd_ >= 0)
-            ::close(std::exchange(fd_, -1));
+            (void)::close(std::exchange(fd_, -1));
     }
 
 private:
@@ -50,7 +47,25 @@ inline int must(int result, const std::string& what)
 
 [[nodiscard]] std::optional<std::string> read_file(const fs::path& path);
 void write_file(const fs::path& path, View bytes);
-void write_file(const fs::path& path, std::string_view text);
-void append_line(int fd, std::string line);
+void append_line(const fs::path& path, const std::string& line);
+
+// modem/journal.txt: what the modem saw and did, one line an event, in order, each on disk before the modem goes on.
+class Journal {
+public:
+    explicit Journal(fs::path path) : path_(std::move(path)) {}
+
+    void note(const std::string& event) const { append_line(path_, event); }
+    // The host sent what a strict modem refuses.
+    void complain(const std::string& what) const { note("complaint: " + what); }
+    void request(const std::string& port, View packet) const
+    {
+        constexpr size_t shown = 32;
+        note("request " + port + " " + std::to_string(packet.size()) + ": " +
+             hex(packet.first(std::min(packet.size(), shown))));
+    }
+
+private:
+    fs::path path_;
+};
 
 } // namespace sim

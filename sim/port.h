@@ -6,8 +6,6 @@
 
 #include <chrono>
 #include <deque>
-#include <optional>
-#include <string>
 
 namespace sim {
 

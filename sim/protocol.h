@@ -2,6 +2,10 @@
 #pragma once
 
 #include "framing.h"
+#include "memory.h"
+#include "nv_store.h"
+
+#include <memory>
 
 namespace sim {
 
@@ -25,9 +29,30 @@ public:
 
     // `request` is never empty.
     [[nodiscard]] virtual Reply answer(View request) = 0;
-    [[nodiscard]] virtual Reply answer_to_damaged_frame(FrameState state) = 0;
+    [[nodiscard]] virtual Reply answer_to_damaged_frame(FrameState) { return {}; }
     // How this protocol says no to `request` with an error code of the given number.
     [[nodiscard]] virtual Bytes refusal(View request, uint8_t code) const = 0;
 };
+
+// DIAG, what a running modem speaks on its first port: NV items, changes of mode, test commands. Requests of the
+// command service (they begin with `service_header`) go to `service`.
+[[nodiscard]] std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku,
+                                                  const Journal& journal);
+
+// The command service of the modem's own software: kernel log, command lines, files to and from `home`/files, version
+// of the applications.
+constexpr uint8_t service_header[] = {0x4B, 0x00, 0x51, 0x00};
+[[nodiscard]] std::unique_ptr<Protocol> make_service(fs::path home, std::string apps_version, const Journal& journal);
+
+// DLOAD, what a crashed modem speaks on its only port: who are you, which memory is there, give me a piece of it.
+// `table_reply` is sent as it stands for the region table, instead of the true one.
+[[nodiscard]] std::unique_ptr<Protocol> make_dload(const Memory& memory, uint8_t version,
+                                                   std::optional<Bytes> table_reply, const Journal& journal);
+
+// DLOAD's refusal: 03, reason (2).
+[[nodiscard]] inline Bytes nak_packet(uint8_t reason)
+{
+    return {0x03, 0x00, reason};
+}
 
 } // namespace sim

@@ -1,36 +1,19 @@
 #include "tablet.h"
 
-#include "text.h"
-
 #include <array>
-#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
-#include <thread>
 
 namespace sim {
 
 namespace {
-
-// What the tablet tells of itself. The board id names the board in its first characters.
-constexpr std::pair<const char*, std::string_view> texts[] = {
-    {"proc/board_id", "0c01020300000001\n"},
-    {"proc/version", "Linux version 3.4.0-tablet (build@tablet) #1 SMP PREEMPT Mon Jan 1 12:00:00 UTC 2024\n"},
-    {"proc/modules", "bwan 8652 0 - Live 0x00000000\n"
-                     "rmnet_usb 14210 0 - Live 0x00000000\n"
-                     "option 13371 0 - Live 0x00000000\n"
-                     "ehci_hcd 45212 0 - Live 0x00000000\n"
-                     "usb_wwan 10230 1 option, Live 0x00000000\n"
-                     "usbserial 27418 2 option,usb_wwan, Live 0x00000000\n"},
-    {"modem/kernel.log", "[    0.000000] Linux version 3.0.8-modem (build@modem) #1 PREEMPT\n"
-                         "[    0.000000] Machine: virtual modem\n"
-                         "[    1.204512] diag: ready\n"
-                         "[    2.817003] rmnet: link is up\n"},
-    {"modem/files/etc/version", "virtual modem\n"},
-};
 
 constexpr const char* directories[] = {
     "dev/pts",
@@ -47,6 +30,22 @@ constexpr const char* directories[] = {
     "modem/files/var",
 };
 
+// What the tablet and its modem tell of themselves. The board id names the board in its first characters.
+constexpr std::pair<const char*, const char*> texts[] = {
+    {"proc/board_id", "0c01020300000001\n"},
+    {"proc/version", "Linux version 3.4.0-tablet (build@tablet) #1 SMP PREEMPT Mon Jan 1 12:00:00 UTC 2024\n"},
+    {"proc/modules", "bwan 8652 0 - Live 0x00000000\n"
+                     "rmnet_usb 14210 0 - Live 0x00000000\n"
+                     "option 13371 0 - Live 0x00000000\n"
+                     "ehci_hcd 45212 0 - Live 0x00000000\n"
+                     "usb_wwan 10230 1 option, Live 0x00000000\n"
+                     "usbserial 27418 2 option,usb_wwan, Live 0x00000000\n"},
+    {"modem/kernel.log", "[    0.000000] Linux version 3.0.8-modem (build@modem) #1 PREEMPT\n"
+                         "[    1.204512] diag: ready\n"
+                         "[    2.817003] rmnet: link is up\n"},
+    {"modem/files/etc/version", "virtual modem\n"},
+};
+
 // Of the real /dev, what every program expects.
 constexpr const char* devices[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom"};
 
@@ -55,78 +54,85 @@ constexpr const char* kept_variables[] = {
     "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX", "TERM", "LANG",
 };
 
+// Switches of the kernel that forbid namespaces to ordinary users.
+struct Switch {
+    const char* path;
+    const char* forbids;
+    const char* remedy;
+};
+
+constexpr Switch switches[] = {
+    {"/proc/sys/kernel/unprivileged_userns_clone", "0", "sysctl -w kernel.unprivileged_userns_clone=1"},
+    {"/proc/sys/kernel/apparmor_restrict_unprivileged_userns", "1",
+     "sysctl -w kernel.apparmor_restrict_unprivileged_userns=0"},
+    {"/proc/sys/user/max_user_namespaces", "0", "sysctl -w user.max_user_namespaces=10000"},
+};
+
+constexpr const char* not_installed = "bubblewrap is not installed: install the package bubblewrap (program bwrap)";
+
 void link_to(const fs::path& target, const fs::path& link)
 {
     fs::remove(link);
     fs::create_symlink(target, link);
 }
 
-std::vector<std::string> sandbox_command(const fs::path& root, const std::vector<std::string>& command)
+Words sandbox_words(const fs::path& root, const Words& command)
 {
-    std::vector<std::string> words{"bwrap"};
-    const auto say = [&words](std::initializer_list<std::string> more) { words.insert(words.end(), more); };
-
     // A process namespace of its own, so that nothing that the command left running outlives it.
-    say({"--die-with-parent", "--unshare-pid", "--ro-bind", "/usr", "/usr"});
+    Words words{"bwrap", "--die-with-parent", "--unshare-pid", "--ro-bind", "/usr", "/usr"};
+    const auto say = [&words](const Words& more) { words.insert(words.end(), more.begin(), more.end()); };
     for (const std::string name : {"bin", "sbin", "lib", "lib64"})
         say({"--symlink", "usr/" + name, "/" + name});
     say({"--bind", root / "dev", "/dev"});
     for (const char* device : devices)
         say({"--dev-bind", device, device});
-    say({"--dev-bind", "/dev/pts", "/dev/pts"});
     // The real process files are where the link proc/self leads; the tablet's own stand in /proc.
-    say({"--proc", "/.proc"});
+    say({"--dev-bind", "/dev/pts", "/dev/pts", "--proc", "/.proc"});
     for (const std::string name : {"proc", "sys", "data", "sdcard"})
         say({"--bind", root / name, "/" + name});
+    say({"--dir", "/system/bin", "--tmpfs", "/tmp"});
     for (const auto& entry : fs::directory_iterator(root / "system/bin"))
         if (fs::exists(entry.path()))
             say({"--ro-bind", fs::canonical(entry.path()), "/system/bin" / entry.path().filename()});
-    say({"--tmpfs", "/tmp", "--chdir", "/data", "--clearenv", "--setenv", "HOME", "/data"});
+    say({"--chdir", "/data", "--clearenv", "--setenv", "HOME", "/data"});
     say({"--setenv", "PATH", "/system/bin:/usr/bin:/bin:/usr/sbin:/sbin"});
     for (const char* name : kept_variables)
-        if (const char* value = std::getenv(name))
+        if (const char* value = std::getenv(name)) // NOLINT(concurrency-mt-unsafe): one thread
             say({"--setenv", name, value});
     say({"--"});
-    words.insert(words.end(), command.begin(), command.end());
+    say(command);
     return words;
 }
 
-constexpr const char* install_hint = "bubblewrap is not installed; install the package \"bubblewrap\" (program bwrap)";
-
-// The switch of the kernel that forbids namespaces to ordinary users, with the way to turn it.
-std::string forbidding_switch()
+// Kills and reaps until this process has no child left, also those that only now become its own.
+void kill_children()
 {
-    struct Switch {
-        const char* name;
-        const char* forbids;
-        const char* allows;
-    };
-    constexpr Switch switches[] = {
-        {"kernel.unprivileged_userns_clone", "0", "1"},
-        {"kernel.apparmor_restrict_unprivileged_userns", "1", "0"},
-        {"user.max_user_namespaces", "0", "10000"},
-    };
-    for (const Switch& row : switches) {
-        std::string path = std::string("/proc/sys/") + row.name;
-        std::replace(path.begin(), path.end(), '.', '/');
-        const auto value = read_file(path);
-        if (value && trimmed(*value) == row.forbids)
-            return std::string("the kernel forbids namespaces; allow them with: sysctl -w ") + row.name + "=" +
-                   row.allows;
+    for (int tries = 0; tries < 1000 && waitpid(-1, nullptr, WNOHANG) != -1; ++tries) {
+        const std::string self = std::to_string(getpid());
+        std::ifstream children("/proc/" + self + "/task/" + self + "/children");
+        for (pid_t child = 0; children >> child;)
+            (void)kill(child, SIGKILL);
+        constexpr int milliseconds = 2;
+        (void)poll(nullptr, 0, milliseconds);
     }
-    return "the kernel forbids namespaces here; run as root, or outside of this container";
 }
 
-void remove_tree(const fs::path& path)
+pid_t start_child(const fs::path& root, const Words& command, pid_t group)
 {
-    // What ran in the tablet may be dying still, and write.
-    constexpr int tries = 50;
-    std::error_code error;
-    for (int i = 0; i < tries && fs::exists(path, error); ++i) {
-        fs::remove_all(path, error);
-        if (error)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const pid_t child = must(fork(), "fork");
+    if (child != 0)
+        return child;
+    (void)setpgid(0, group); // what the terminal sends reaches the command
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    try {
+        enter_tablet(root, command);
+    } catch (const std::exception& error) {
+        (void)dprintf(STDERR_FILENO, "virtual_tablet: %s\n", error.what());
     }
+    constexpr int not_found = 127;
+    _exit(not_found);
 }
 
 } // namespace
@@ -136,124 +142,117 @@ void make_tablet(const fs::path& root, const std::optional<fs::path>& tessel)
     for (const char* name : directories)
         fs::create_directories(root / name);
     for (const char* device : devices)
-        write_file(root / std::string_view(device).substr(1), std::string_view());
+        write_file(root / std::string_view(device).substr(1), {});
     link_to("/.proc/self", root / "proc/self");
     link_to("/proc/self/fd", root / "dev/fd");
     for (const auto& [name, text] : texts)
         if (!fs::exists(root / name))
-            write_file(root / name, text);
+            write_file(root / name, bytes_of(text));
     if (tessel)
         link_to(fs::canonical(*tessel), root / "system/bin/tessel");
 }
 
-void enter_tablet(const fs::path& root, const std::vector<std::string>& command)
+void enter_tablet(const fs::path& root, const Words& command)
 {
-    std::vector<std::string> words = sandbox_command(root, command);
+    Words words = sandbox_words(root, command);
     std::vector<char*> arguments;
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    execvp(arguments.front(), arguments.data());
-    if (errno == ENOENT)
-        throw std::runtime_error(install_hint);
-    throw std::system_error(errno, std::generic_category(), "bwrap");
+    (void)execvp(arguments.front(), arguments.data());
+    throw std::runtime_error(errno == ENOENT ? not_installed : "bwrap: " + std::generic_category().message(errno));
 }
 
-pid_t start_in_tablet(const fs::path& root, const std::vector<std::string>& command)
+std::string sandbox_obstacle(std::string_view said)
 {
-    const pid_t parent = getpid();
-    const pid_t child = must(fork(), "fork");
-    if (child != 0)
-        return child;
+    if (said.find(not_installed) != std::string_view::npos)
+        return not_installed;
+    const std::string why = "sandboxes fail here (" + std::string(split(said, '\n').front()) + ")";
+    for (const Switch& row : switches)
+        if (const auto value = read_file(row.path); value && trimmed(*value) == row.forbids)
+            return why + ": the kernel forbids namespaces, allow them with " + row.remedy;
+    return why + ": run as root, or outside of this container";
+}
 
-    // The sandbox dies with its parent by itself; this covers the moment before it is up.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    constexpr int not_found = 127;
-    if (getppid() == parent) {
-        try {
-            enter_tablet(root, command);
-        } catch (const std::exception& error) {
-            (void)!write(STDERR_FILENO, error.what(), std::string_view(error.what()).size());
-            (void)!write(STDERR_FILENO, "\n", 1);
+Keeper::Keeper(const std::optional<fs::path>& root, const Words& command)
+{
+    std::array<int, 2> ends{};
+    must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
+    line_ = Fd(ends[0]);
+    const Fd other(ends[1]);
+    root_ = root.value_or("");
+    if (!root) {
+        std::string name = fs::temp_directory_path() / "virtual-tablet-XXXXXX";
+        must(mkdtemp(name.data()) != nullptr ? 0 : -1, name);
+        root_ = name;
+    }
+    const pid_t group = getpgrp();
+    process_ = must(fork(), "fork");
+    if (process_ == 0) {
+        line_.close(); // else the keeper would hold its own line open
+        keep(other.get(), command, group, !root);
+    }
+}
+
+void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) const
+{
+    (void)setpgid(0, 0);
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
+    sigset_t all;
+    sigfillset(&all);
+    (void)sigprocmask(SIG_SETMASK, &all, nullptr);
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, SIGCHLD);
+    const Fd signals(signalfd(-1, &ended, SFD_CLOEXEC));
+
+    pid_t child = -1;
+    std::array<pollfd, 2> events{{{line, POLLIN, 0}, {signals.get(), POLLIN, 0}}};
+    uint8_t order = 0;
+    while (poll(events.data(), events.size(), -1) > 0) {
+        if (events[0].revents != 0) {
+            if (read(line, &order, 1) != 1)
+                break;
+            if (order == 0)
+                child = start_child(root_, command, group);
+            else if (child > 0)
+                (void)kill(child, order);
+        }
+        signalfd_siginfo ignored{};
+        int status = 0;
+        if (events[1].revents == 0 || read(signals.get(), &ignored, sizeof ignored) < 0)
+            continue;
+        if (child > 0 && waitpid(child, &status, WNOHANG) == child) {
+            constexpr int signalled = 128;
+            const auto told = byte_of(WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status), 0);
+            (void)!write(line, &told, 1);
+            child = -1;
         }
     }
-    _exit(not_found);
-}
-
-int exit_status(int wait_status)
-{
-    constexpr int signal_base = 128;
-    return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : signal_base + WTERMSIG(wait_status);
-}
-
-std::optional<std::string> sandbox_obstacle()
-{
-    const TemporaryRoot root;
-    make_tablet(root.path(), std::nullopt);
-    std::array<int, 2> ends{};
-    must(pipe2(ends.data(), O_CLOEXEC), "pipe");
-    const Fd reader(ends[0]);
-    Fd writer(ends[1]);
-
-    // What bwrap complains about is told in our words.
-    const pid_t child = must(fork(), "fork");
-    if (child == 0) {
-        dup2(writer.get(), STDERR_FILENO);
-        try {
-            enter_tablet(root.path(), {"true"});
-        } catch (const std::exception& error) {
-            (void)!write(STDERR_FILENO, error.what(), std::string_view(error.what()).size());
-        }
-        _exit(1);
-    }
-    writer.close();
-    std::string said;
-    std::array<char, 512> piece{};
-    ssize_t count = 0;
-    while ((count = read(reader.get(), piece.data(), piece.size())) > 0)
-        said.append(piece.data(), static_cast<size_t>(count));
-    int status = 0;
-    must(waitpid(child, &status, 0), "waitpid");
-
-    if (exit_status(status) == 0)
-        return std::nullopt;
-    if (said == install_hint)
-        return said;
-    return forbidding_switch() + " (" + std::string(split(said, '\n').front()) + ")";
-}
-
-TemporaryRoot::TemporaryRoot()
-{
-    std::string name = fs::temp_directory_path() / "virtual-tablet-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr)
-        must(-1, name);
-    path_ = name;
-
-    std::array<int, 2> ends{};
-    must(pipe2(ends.data(), O_CLOEXEC), "pipe");
-    const Fd reader(ends[0]);
-    lifeline_ = Fd(ends[1]);
-    helper_ = must(fork(), "fork");
-    if (helper_ != 0)
-        return;
-
-    setsid();
-    dup2(reader.get(), STDIN_FILENO);
-    close_range(STDOUT_FILENO, ~0U, 0);
-    char byte = 0;
-    while (read(STDIN_FILENO, &byte, 1) < 0 && errno == EINTR) {
-    }
-    remove_tree(path_);
+    kill_children();
+    std::error_code ignored;
+    if (temporary)
+        fs::remove_all(root_, ignored);
     _exit(0);
 }
 
-TemporaryRoot::~TemporaryRoot()
+Keeper::~Keeper()
 {
-    lifeline_.close();
-    waitpid(helper_, nullptr, 0);
+    line_.close();
+    (void)waitpid(process_, nullptr, 0);
+}
+
+void Keeper::signal(unsigned number) const
+{
+    const uint8_t order = byte_of(number, 0);
+    (void)!send(fd(), &order, 1, MSG_NOSIGNAL);
+}
+
+int Keeper::status() const
+{
+    constexpr int no_keeper = 1;
+    uint8_t told = 0;
+    return read(fd(), &told, 1) == 1 ? told : no_keeper;
 }
 
 } // namespace sim

@@ -1,45 +1,49 @@
-// The tablet: a directory that becomes the root of a sandbox, and the command that opens the sandbox.
+// The tablet: a directory that becomes the root of a sandbox.
 //   dev/ proc/ sys/ data/ sdcard/ system/bin/   what a program in the tablet sees
 //   modem/nv/ files/ memory/ kernel.log ...     the insides of the modem, outside the sandbox
 #pragma once
 
 #include "os.h"
 
-#include <optional>
-#include <string>
 #include <sys/types.h>
-#include <vector>
 
 namespace sim {
+
+using Words = std::vector<std::string>;
 
 // Lays out a tablet below `root`; what is there already stays as it is. `tessel` is linked into system/bin.
 void make_tablet(const fs::path& root, const std::optional<fs::path>& tessel);
 
 // Becomes the sandbox of the tablet and runs `command` in it. Comes back only as an exception.
-[[noreturn]] void enter_tablet(const fs::path& root, const std::vector<std::string>& command);
-// The same in a child, which dies with this process.
-[[nodiscard]] pid_t start_in_tablet(const fs::path& root, const std::vector<std::string>& command);
-// Exit status of a waited-for child, as a shell tells it.
-[[nodiscard]] int exit_status(int wait_status);
+[[noreturn]] void enter_tablet(const fs::path& root, const Words& command);
 
-// What keeps sandboxes from working on this machine, with its remedy; nothing when they work.
-[[nodiscard]] std::optional<std::string> sandbox_obstacle();
-
-// A directory for one tablet that goes away with this process, however the process ends: a helper process of its own
-// session holds the other end of a pipe and removes the directory when the pipe breaks.
-class TemporaryRoot {
+// The tablet of one command, and the command. A keeper process, in a process group of its own, is the parent of what
+// runs in the sandbox. When this process lets go of it or dies, in whatever way, the keeper kills what is left in the
+// sandbox and removes the tablet.
+class Keeper {
 public:
-    TemporaryRoot();
-    TemporaryRoot(const TemporaryRoot&) = delete;
-    TemporaryRoot& operator=(const TemporaryRoot&) = delete;
-    ~TemporaryRoot();
+    // Without a root the tablet stands in a temporary directory, which goes away in the end.
+    Keeper(const std::optional<fs::path>& root, const Words& command);
+    Keeper(const Keeper&) = delete;
+    Keeper& operator=(const Keeper&) = delete;
+    ~Keeper();
 
-    [[nodiscard]] const fs::path& path() const { return path_; }
+    [[nodiscard]] const fs::path& root() const { return root_; }
+    void start() const { signal(0); }
+    void signal(unsigned number) const;
+    // Readable once the command has ended; then `status` is its exit status, as a shell tells it.
+    [[nodiscard]] int fd() const { return line_.get(); }
+    [[nodiscard]] int status() const;
 
 private:
-    fs::path path_;
-    Fd lifeline_;
-    pid_t helper_ = -1;
+    [[noreturn]] void keep(int line, const Words& command, pid_t group, bool temporary) const;
+
+    fs::path root_;
+    Fd line_;
+    pid_t process_ = -1;
 };
+
+// What bwrap's failure to start means here, with the remedy. `said` is what it printed.
+[[nodiscard]] std::string sandbox_obstacle(std::string_view said);
 
 } // namespace sim

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -93,6 +94,7 @@ private:
     pid_t modem_ = -1;
     int modem_stdin_ = -1; // the modem ends when this closes, however the case ends
     std::filesystem::path modem_out_, modem_err_;
+    std::set<pid_t> running_;
     std::vector<Result> finished_;
     bool complaints_seen_ = false;
 };
