@@ -302,9 +302,9 @@ void run_modem_cmd(const std::string& name)
     ServiceBuffer buffer{};
     std::array<char, line_limit> text{};
     while (fgets(text.data(), line_limit, file.get()) != nullptr) {
-        std::string_view line = text.data();
-        line = line.substr(0, line.find_last_not_of("\r\n") + 1);
-        (void)printf("RUN: %.*s\n", static_cast<int>(line.size()), line.data());
+        std::string line = text.data();
+        line.resize(line.find_last_not_of("\r\n") + 1);
+        (void)printf("RUN: %s\n", line.c_str());
 
         const auto end = std::ranges::copy(line, buffer.bytes.begin() + modem_service::line_at).out;
         *end = '\0';

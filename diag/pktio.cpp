@@ -26,7 +26,7 @@ namespace {
 // The endpoint takes 64-byte packets and waits for a short one after a full one.
 constexpr uint32_t endpoint_packet_size = 64;
 
-constexpr std::array<char, 5> stop_message = {'S', 'T', 'O', 'P', '\0'};
+constexpr char stop_message[] = "STOP"; // sent with its zero
 
 // Guards the descriptors, so that the reader does not close one while a sender writes to it.
 std::mutex sDescriptorMutex;
@@ -359,7 +359,7 @@ void tell_reader_to_stop()
 {
     std::unique_lock lock(sDescriptorMutex);
     // A reader that ended by itself has closed the pair: no signal for that.
-    if (send(sSockets[1], stop_message.data(), stop_message.size(), MSG_NOSIGNAL) >= 0)
+    if (send(sSockets[1], stop_message, sizeof stop_message, MSG_NOSIGNAL) >= 0)
         return;
     __android_log_print(ANDROID_LOG_WARN, "RIL_ODL", "%s:%d socketpair:errno=%d:unable to write to socket pair\n",
                         "pktio.c", 306, errno);
