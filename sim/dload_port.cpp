@@ -43,7 +43,7 @@ public:
         if (std::ranges::equal(request, diag_reset))
             return {.packet = copy_of(request), .then = Then::reboot};
 
-        const Reply reply = simple(request.front());
+        Reply reply = simple(request.front());
         if (reply.packet.empty())
             return nak(nak_unknown_command, "command " + hex(request.first(1)) + " to a modem in DLOAD mode");
         if (request.size() != 1)

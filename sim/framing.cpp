@@ -75,16 +75,16 @@ std::optional<Frame> Deframer::take(View& input)
 Frame Deframer::finish()
 {
     Frame result;
+    const View all(bytes_);
+    const View packet = all.first(all.size() - std::min(all.size(), fcs_size));
     if (too_long_)
         result.state = FrameState::too_long;
     else if (escaped_)
         result.state = FrameState::aborted;
-    else if (bytes_.size() <= fcs_size)
-        result.state = FrameState::bad_fcs;
-    else if (const View all(bytes_); fcs_of(all.first(all.size() - fcs_size)) != get_le16(all, all.size() - fcs_size))
+    else if (packet.empty() || fcs_of(packet) != get_le16(all, packet.size()))
         result.state = FrameState::bad_fcs;
     else
-        result.packet.assign(all.begin(), all.end() - fcs_size);
+        result.packet = copy_of(packet);
     bytes_.clear();
     escaped_ = too_long_ = false;
     return result;

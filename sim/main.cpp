@@ -4,25 +4,12 @@
 
 #include <array>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <iostream>
-#include <sys/signalfd.h>
 
 namespace {
 
 using namespace sim;
-
-// Signals as something to poll.
-Fd signals(std::initializer_list<int> numbers)
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : numbers)
-        sigaddset(&set, number);
-    must(sigprocmask(SIG_BLOCK, &set, nullptr), "sigprocmask");
-    return Fd(must(signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
-}
 
 // The program of the same build: beside this one, or one directory above.
 std::optional<fs::path> built_tessel()
@@ -47,7 +34,7 @@ void prepare(const Options& options, const fs::path& root)
 
 int run_command(const Options& options)
 {
-    const Fd caught = signals({SIGTERM, SIGHUP, SIGINT, SIGQUIT});
+    const Fd caught = catch_signals({SIGTERM, SIGHUP, SIGINT, SIGQUIT});
     const Keeper keeper(options.root, options.command);
     prepare(options, keeper.root());
     Modem modem(keeper.root() / "dev", keeper.root() / "modem", options.modem);
@@ -57,17 +44,17 @@ int run_command(const Options& options)
         modem.step(events);
         if (events[1].revents != 0)
             return keeper.status();
-        signalfd_siginfo info{};
         // What the terminal sends reaches the command without us, and the command may well live on.
-        if (events[0].revents != 0 && read(caught.get(), &info, sizeof info) > 0 && info.ssi_code != SI_KERNEL)
-            keeper.signal(info.ssi_signo);
+        if (events[0].revents != 0)
+            if (const auto info = take_signal(caught); info.ssi_code != SI_KERNEL)
+                keeper.signal(info.ssi_signo);
     }
 }
 
 int serve(const Options& options)
 {
     prepare(options, *options.root);
-    const Fd caught = signals({SIGTERM, SIGINT});
+    const Fd caught = catch_signals({SIGTERM, SIGINT});
     Modem modem(*options.root / "dev", *options.root / "modem", options.modem);
     std::cout << "ready" << std::endl;
     std::array<char, 512> ignored{};

@@ -54,7 +54,7 @@ struct Outgoing {
 
     Reply next_chunk(View request)
     {
-        const auto chunk = std::string_view(text).substr(at, chunk_size);
+        const std::string chunk = text.substr(at, chunk_size);
         at += chunk.size();
         return data(request, chunk);
     }

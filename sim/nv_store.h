@@ -28,8 +28,8 @@ public:
     void load(std::string_view text, const std::string& origin) const;
 
     // `value` is the packet's data field: index in its first byte for an indexed item. Both return an NV status.
-    [[nodiscard]] uint16_t read(uint16_t item, Bytes& value) const;
-    [[nodiscard]] uint16_t write(uint16_t item, View value) const;
+    [[nodiscard]] uint16_t read(uint16_t number, Bytes& value) const;
+    [[nodiscard]] uint16_t write(uint16_t number, View value) const;
 
 private:
     struct Value {
@@ -44,7 +44,7 @@ private:
 
     [[nodiscard]] static bool parse_line(std::string_view line, std::map<uint16_t, Item>& items);
     [[nodiscard]] fs::path path_of(uint16_t item) const;
-    [[nodiscard]] std::optional<Item> find(uint16_t item) const;
+    [[nodiscard]] std::optional<Item> find(uint16_t number) const;
     void save(uint16_t number, const Item& item) const;
 
     fs::path directory_;

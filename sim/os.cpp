@@ -1,6 +1,7 @@
 #include "os.h"
 
 #include <array>
+#include <csignal>
 #include <fcntl.h>
 
 namespace sim {
@@ -18,6 +19,23 @@ void write_with(const fs::path& path, int mode, View bytes)
 }
 
 } // namespace
+
+Fd catch_signals(std::initializer_list<int> numbers)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : numbers)
+        sigaddset(&set, number);
+    must(pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? 0 : -1, "sigmask");
+    return Fd(must(signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
+}
+
+signalfd_siginfo take_signal(const Fd& caught)
+{
+    signalfd_siginfo info{};
+    must(read(caught.get(), &info, sizeof info) > 0 ? 0 : -1, "signalfd");
+    return info;
+}
 
 std::optional<std::string> read_file(const fs::path& path)
 {

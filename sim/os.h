@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <sys/signalfd.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -44,6 +45,10 @@ inline int must(int result, const std::string& what)
         throw std::system_error(errno, std::generic_category(), what);
     return result;
 }
+
+// Signals as something to poll, instead of what they do by themselves.
+[[nodiscard]] Fd catch_signals(std::initializer_list<int> numbers);
+[[nodiscard]] signalfd_siginfo take_signal(const Fd& caught);
 
 [[nodiscard]] std::optional<std::string> read_file(const fs::path& path);
 void write_file(const fs::path& path, View bytes);

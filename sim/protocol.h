@@ -24,7 +24,9 @@ class Protocol {
 public:
     Protocol() = default;
     Protocol(const Protocol&) = delete;
+    Protocol(Protocol&&) = delete;
     Protocol& operator=(const Protocol&) = delete;
+    Protocol& operator=(Protocol&&) = delete;
     virtual ~Protocol() = default;
 
     // `request` is never empty.

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -108,8 +107,7 @@ Words sandbox_words(const fs::path& root, const Words& command)
 void kill_children()
 {
     for (int tries = 0; tries < 1000 && waitpid(-1, nullptr, WNOHANG) != -1; ++tries) {
-        const std::string self = std::to_string(getpid());
-        std::ifstream children("/proc/" + self + "/task/" + self + "/children");
+        std::ifstream children("/proc/thread-self/children");
         for (pid_t child = 0; children >> child;)
             (void)kill(child, SIGKILL);
         constexpr int milliseconds = 2;
@@ -125,7 +123,7 @@ pid_t start_child(const fs::path& root, const Words& command, pid_t group)
     (void)setpgid(0, group); // what the terminal sends reaches the command
     sigset_t none;
     sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &none, nullptr);
     try {
         enter_tablet(root, command);
     } catch (const std::exception& error) {
@@ -198,16 +196,10 @@ void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) c
 {
     (void)setpgid(0, 0);
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
-    sigset_t all;
-    sigfillset(&all);
-    (void)sigprocmask(SIG_SETMASK, &all, nullptr);
-    sigset_t ended;
-    sigemptyset(&ended);
-    sigaddset(&ended, SIGCHLD);
-    const Fd signals(signalfd(-1, &ended, SFD_CLOEXEC));
+    const Fd ended = catch_signals({SIGCHLD});
 
     pid_t child = -1;
-    std::array<pollfd, 2> events{{{line, POLLIN, 0}, {signals.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> events{{{line, POLLIN, 0}, {ended.get(), POLLIN, 0}}};
     uint8_t order = 0;
     while (poll(events.data(), events.size(), -1) > 0) {
         if (events[0].revents != 0) {
@@ -218,14 +210,13 @@ void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) c
             else if (child > 0)
                 (void)kill(child, order);
         }
-        signalfd_siginfo ignored{};
         int status = 0;
-        if (events[1].revents == 0 || read(signals.get(), &ignored, sizeof ignored) < 0)
-            continue;
+        if (events[1].revents != 0)
+            (void)take_signal(ended);
         if (child > 0 && waitpid(child, &status, WNOHANG) == child) {
             constexpr int signalled = 128;
-            const auto told = byte_of(WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status), 0);
-            (void)!write(line, &told, 1);
+            const int told = WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
+            (void)!write(line, &told, sizeof told);
             child = -1;
         }
     }
@@ -250,9 +241,9 @@ void Keeper::signal(unsigned number) const
 
 int Keeper::status() const
 {
-    constexpr int no_keeper = 1;
-    uint8_t told = 0;
-    return read(fd(), &told, 1) == 1 ? told : no_keeper;
+    int told = 1; // what counts without a keeper
+    (void)!read(fd(), &told, sizeof told);
+    return told;
 }
 
 } // namespace sim

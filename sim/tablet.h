@@ -25,7 +25,9 @@ public:
     // Without a root the tablet stands in a temporary directory, which goes away in the end.
     Keeper(const std::optional<fs::path>& root, const Words& command);
     Keeper(const Keeper&) = delete;
+    Keeper(Keeper&&) = delete;
     Keeper& operator=(const Keeper&) = delete;
+    Keeper& operator=(Keeper&&) = delete;
     ~Keeper();
 
     [[nodiscard]] const fs::path& root() const { return root_; }
