@@ -175,28 +175,33 @@ std::string sandbox_obstacle(std::string_view said)
 Keeper::Keeper(const std::optional<fs::path>& root, const Words& command)
 {
     std::array<int, 2> ends{};
-    must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
+    must(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
     line_ = Fd(ends[0]);
     const Fd other(ends[1]);
-    root_ = root.value_or("");
-    if (!root) {
-        std::string name = fs::temp_directory_path() / "virtual-tablet-XXXXXX";
-        must(mkdtemp(name.data()) != nullptr ? 0 : -1, name);
-        root_ = name;
-    }
     const pid_t group = getpgrp();
     process_ = must(fork(), "fork");
     if (process_ == 0) {
         line_.close(); // else the keeper would hold its own line open
-        keep(other.get(), command, group, !root);
+        keep(other.get(), root, command, group);
     }
+
+    std::array<char, 4096> name{};
+    const ssize_t length = read(fd(), name.data(), name.size());
+    root_ = std::string(name.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    if (root_.empty())
+        throw std::runtime_error("no tablet can be made in " + fs::temp_directory_path().string());
 }
 
-void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) const
+void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& command, pid_t group) noexcept
 {
     (void)setpgid(0, 0);
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const Fd ended = catch_signals({SIGCHLD});
+    // Made here, so that there is no moment at which nobody would remove it.
+    std::string name = root.value_or(fs::temp_directory_path() / "virtual-tablet-XXXXXX");
+    if (!root && mkdtemp(name.data()) == nullptr)
+        name.clear();
+    (void)send(line, name.data(), name.size(), MSG_NOSIGNAL);
 
     pid_t child = -1;
     std::array<pollfd, 2> events{{{line, POLLIN, 0}, {ended.get(), POLLIN, 0}}};
@@ -206,7 +211,7 @@ void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) c
             if (read(line, &order, 1) != 1)
                 break;
             if (order == 0)
-                child = start_child(root_, command, group);
+                child = start_child(name, command, group);
             else if (child > 0)
                 (void)kill(child, order);
         }
@@ -216,14 +221,14 @@ void Keeper::keep(int line, const Words& command, pid_t group, bool temporary) c
         if (child > 0 && waitpid(child, &status, WNOHANG) == child) {
             constexpr int signalled = 128;
             const int told = WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
-            (void)!write(line, &told, sizeof told);
+            (void)send(line, &told, sizeof told, MSG_NOSIGNAL);
             child = -1;
         }
     }
     kill_children();
     std::error_code ignored;
-    if (temporary)
-        fs::remove_all(root_, ignored);
+    if (!root)
+        fs::remove_all(name, ignored);
     _exit(0);
 }
 
@@ -236,7 +241,7 @@ Keeper::~Keeper()
 void Keeper::signal(unsigned number) const
 {
     const uint8_t order = byte_of(number, 0);
-    (void)!send(fd(), &order, 1, MSG_NOSIGNAL);
+    (void)send(fd(), &order, 1, MSG_NOSIGNAL);
 }
 
 int Keeper::status() const

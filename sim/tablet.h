@@ -38,7 +38,8 @@ public:
     [[nodiscard]] int status() const;
 
 private:
-    [[noreturn]] void keep(int line, const Words& command, pid_t group, bool temporary) const;
+    [[noreturn]] static void keep(int line, const std::optional<fs::path>& root, const Words& command,
+                                  pid_t group) noexcept;
 
     fs::path root_;
     Fd line_;
