@@ -531,6 +531,17 @@ TEST_P(Operations, OnARunningModem)
     wait_for_journal(row.event);
 }
 
+TEST_F(Crashdump, RequestsThatCannotBeSentEndTheRun)
+{
+    modem("absent");
+    for (const auto& [option, status] : {std::pair("-d", 4), {"-t 6", 4}, {"-n 5", 69}, {"-t DMESG", 69}}) {
+        const auto r = run("tessel crashdump -D /dev/full "s + option);
+        EXPECT_EQ(r.status, status) << option;
+        EXPECT_THAT(r.errors(), ElementsAre("pktio.c:221 write:errno=28 (No space left on device):error writing",
+                                            "Error in pktio_send_packet()"));
+    }
+}
+
 TEST_F(Crashdump, TypedRequestsAreSentAsTheyAre)
 {
     modem("normal");
