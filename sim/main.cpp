@@ -44,9 +44,9 @@ int run_command(const Options& options)
         modem.step(events);
         if (events[1].revents != 0)
             return keeper.status();
-        // What the terminal sends reaches the command without us, and the command may well live on.
+        // An interrupt from the terminal reaches the command without us; that the terminal is gone only we are told.
         if (events[0].revents != 0)
-            if (const auto info = take_signal(caught); info.ssi_code != SI_KERNEL)
+            if (const auto info = take_signal(caught); info.ssi_code != SI_KERNEL || info.ssi_signo == SIGHUP)
                 keeper.signal(info.ssi_signo);
     }
 }
