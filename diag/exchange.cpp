@@ -297,6 +297,7 @@ void receive(const Side& side, std::span<const uint8_t> packet, uintptr_t user_d
         return;
     publish(side, packet);
     side.expected_code = nullptr;
+    lock.unlock(); // or the woken thread would at once wait again, for the lock
     side.cond.notify_one();
 }
 

@@ -182,7 +182,11 @@ Keeper::Keeper(const std::optional<fs::path>& root, const Words& command)
     process_ = must(fork(), "fork");
     if (process_ == 0) {
         line_.close(); // else the keeper would hold its own line open
-        keep(other.get(), root, command, group);
+        try {
+            keep(other.get(), root, command, group);
+        } catch (const std::exception&) {
+            _exit(1); // the other side sees its line break, and says so
+        }
     }
 
     std::array<char, 4096> name{};
@@ -192,7 +196,7 @@ Keeper::Keeper(const std::optional<fs::path>& root, const Words& command)
         throw std::runtime_error("no tablet can be made in " + fs::temp_directory_path().string());
 }
 
-void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& command, pid_t group) noexcept
+void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& command, pid_t group)
 {
     (void)setpgid(0, 0);
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);

@@ -71,7 +71,7 @@ std::vector<Bytes> packets_with_stuffed_fcs()
 {
     std::vector<Bytes> found;
     for (const int special : {0x7D, 0x7E}) {
-        for (const size_t which : {2, 3}) {
+        for (const size_t which : {2U, 3U}) {
             for (uint32_t value = 0;; ++value) {
                 const Bytes packet = {static_cast<uint8_t>(value & 0xFF), static_cast<uint8_t>(value >> 8)};
                 if (with_fcs(packet)[which] == special) {
