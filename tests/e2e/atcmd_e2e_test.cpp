@@ -42,7 +42,8 @@ void PrintTo(const Exchange& row, std::ostream* out)
 const Exchange exchanges[] = {
     // What the answer says.
     {"Answer", {}, "-v -c AT+CGMR", 0, "VM1.0.0\nOK\n\n", {}, "ATE0|AT+CGMR"},
-    {"AnswerOfTheOtherPort", {}, "-v -p /dev/ttyUSB2 -c AT+CGMR", 0, "VM1.0.0\nOK\n\n", {}, ""},
+    {"AnswerOfAPortInAnyMode", {}, "-v -c AT+CGMR -p $(stty sane -F /dev/ttyUSB2; echo /dev/ttyUSB2)", 0,
+     "VM1.0.0\nOK\n\n", {}, ""},
     {"Error", {}, "-v -c ATX", 103, "ERROR\n\n", {}, "ATE0|ATX"},
     {"ErrorOnTheConsole", {}, "-o -v -c AT+CPIN?", 103,
      "DEBUG:#stdout is on#\nDEBUG:#Response contains ERR, AT cmd failed#\n+CME ERROR: 10\n\n", {}, "ATE0|AT+CPIN?"},
@@ -78,8 +79,11 @@ const Exchange exchanges[] = {
     {"OverlongSecondPiece", {"at-text@2:>"}, R"_(-c "$(printf 'AT\r%0256d' 0)")_", 98, "", overlong, "ATE0|AT"},
     {"EscapesOnTheWire", {}, R"(-e -v -C 'AT\n\t\x00A\\\x3D=z\r')", 0,
      "AT\n\t\0A\\==z\r\r\nERROR\r\n"s, {}, "AT\t\0A\\==z"s},
-    {"ExtendedAnswerIsNotJudged", {"at-text@2:no\r\n\r\ncarrier"}, R"(-v -C 'ati\r')", 0,
+    {"ExtendedAnswerIsNotJudged", {"at-text@1:busy", "at-text@2:no\r\n\r\ncarrier"}, R"(-v -C 'ati\r')", 0,
      "\r\nno\r\n\r\ncarrier\r\n", {}, "ATE0|ati"},
+    {"ExtendedAnswerIsShownAsItArrives", {"at-unplug@2:3"}, R"(-v -C 'AT\r' 2>&1)", 100,
+     "\r\nOradio E RIL_TESSEL: Error while reading response from the modem. Input/output error\n"
+     "radio E RIL_TESSEL: Unknown err_code: 0x64\n", {}, "ATE0|AT"},
 
     // Ports that fail.
     {"NoPort", {}, "-c AT -p /dev/ttyUSB9", 96, "", {"USB device /dev/ttyUSB9 doesn't exist"}, ""},

@@ -75,6 +75,10 @@ TEST(Atcmd, AnswerNeverOutgrowsASmallBuffer)
         EXPECT_EQ(std::string(&buffer[size], 16 - size), std::string(16 - size, '#')) << size;
         EXPECT_EQ(std::string(buffer.data(), size).c_str(), "AT\nOK 123"s.substr(0, size == 0 ? 0 : size - 1)) << size;
     }
+    // What was asked before is gone, also when nothing is sent.
+    std::array<char, 16> buffer{"OK"};
+    EXPECT_EQ(atcmd_process_cmd_helper(std::string(256, 'A'), port.c_str(), buffer, 1), 98);
+    EXPECT_STREQ(buffer.data(), "");
     (void)unlink(port.c_str());
 }
 
