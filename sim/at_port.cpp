@@ -38,10 +38,10 @@ Delivery AtPort::take(View input)
 Delivery AtPort::end_of_line()
 {
     std::string command = std::exchange(line_, {});
+    if (command.empty())
+        return {}; // a second carriage return does not end the text that it comes before
     if (std::exchange(text_expected_, false))
         return {{{.bytes = bytes_of(std::string("\r\n+CMGS: 1\r\n") + done)}}};
-    if (command.empty())
-        return {};
     journal_.request(port_, bytes_of(command));
     std::ranges::transform(command, command.begin(), upper);
     const bool refused = faults_.refuse_command(command == "ATE0");

@@ -74,6 +74,7 @@ const Exchange exchanges[] = {
     // Pieces and escapes.
     {"NextPieceAfterAPrompt", {"at-text@2:> "}, R"_(-v -c "$(printf 'AT+A\rAT+CGMR\rAT+B')")_", 0,
      "VM1.0.0\nOK\n\n", {}, "ATE0|AT+A|AT+CGMR"},
+    {"TextAfterAPrompt", {}, R"_(-v -c "$(printf 'AT+CMGS=1\rhello')")_", 0, "+CMGS: 1\nOK\n\n", {}, "ATE0|AT+CMGS=1"},
     {"LongestPiece", {}, "-c AT$(printf %0253d 0)", 103, "", {}, "ATE0|AT" + std::string(30, '0')},
     {"OverlongPiece", {}, "-c AT$(printf %0254d 0)", 98, "", overlong, "ATE0"},
     {"OverlongSecondPiece", {"at-text@2:>"}, R"_(-c "$(printf 'AT\r%0256d' 0)")_", 98, "", overlong, "ATE0|AT"},

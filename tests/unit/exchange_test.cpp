@@ -11,7 +11,6 @@
 
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;

@@ -7,7 +7,6 @@
 #include <numeric>
 #include <random>
 
-using testing::EndsWith;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 

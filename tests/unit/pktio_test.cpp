@@ -92,7 +92,7 @@ TEST_F(Pktio, DropsBadAndOverlongFramesOnly)
 
     const Bytes largest(pktio_buffer_size - 2, 0x33);
     peer.send(framed(Bytes(pktio_buffer_size - 1, 0x33)));
-    peer.send(framed(Bytes(3 * pktio_buffer_size, 0x7E)));
+    peer.send(framed(Bytes(size_t{3} * pktio_buffer_size, 0x7E)));
     peer.send(framed(largest));
     EXPECT_THAT(packets(2), ElementsAre(Bytes{1}, largest));
     EXPECT_EQ(GetCapturedStderr(), "main W RIL_ODL: pktio.c:164 hdlcdec:status=3:bad HDLC decode\n"
