@@ -59,8 +59,8 @@ std::vector<Region> regions(std::string_view list)
     return all;
 }
 
-constexpr const char* default_regions = "OCIMEM.BIN=88K@0x2A000000,CODERAM.BIN=64K@0x08800000,"
-                                        "RPM.BIN=128K@0x00020000,LPASS.BIN=32K@0x28400000,EBICS0.BIN=2M@0x40000000";
+constexpr const char* default_regions = "SHARED.BIN=88K@0x2A000000,CODE.BIN=64K@0x08800000,"
+                                        "BOOT.BIN=128K@0x00020000,AUDIO.BIN=32K@0x28400000,MAIN.BIN=2M@0x40000000";
 
 constexpr OptionRow rows[] = {
     {"--root", "DIR", "keep the tablet in DIR, made if it is not there",
