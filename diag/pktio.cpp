@@ -144,7 +144,7 @@ uint32_t take_framed(Stream& stream, std::span<const uint8_t> bytes)
                             "pktio.c", 147, static_cast<int>(bytes.data() - sPktIOReadBuffer.data()),
                             static_cast<int>(size_in), static_cast<int>(stream.out_position), size_out,
                             stream.cookie.state, stream.cookie.crc);
-    const int status = hdlc_decode_with_cookie(bytes.data(), size_in, &sPktIODecodeBuffer[0] + stream.out_position,
+    const int status = hdlc_decode_with_cookie(bytes.data(), size_in, sPktIODecodeBuffer.data() + stream.out_position,
                                                size_out, &stream.cookie);
     stream.kind = Stream::framed;
     stream.out_position = static_cast<uint32_t>(static_cast<int32_t>(stream.out_position) + size_out);
@@ -166,7 +166,7 @@ uint32_t take_unframed(Stream& stream, std::span<const uint8_t> bytes)
     uint32_t taken = 0;
     const auto gather_up_to = [&](uint32_t size) {
         const uint32_t count = std::min(size - stream.out_position, static_cast<uint32_t>(bytes.size()) - taken);
-        std::copy_n(bytes.begin() + taken, count, sPktIODecodeBuffer.begin() + stream.out_position);
+        std::ranges::copy(bytes.subspan(taken, count), sPktIODecodeBuffer.data() + stream.out_position);
         stream.out_position += count;
         taken += count;
         return stream.out_position == size;
