@@ -265,13 +265,13 @@ int32_t atcmd_process_cmd_helper(std::string_view command, const char* port, std
         return ATCMD_NO_PORT;
 
     int32_t status = ATCMD_OK;
-    do {
+    while (!command.empty()) {
         s_wait_for_next_input = 0;
         std::fill(buffer.begin(), buffer.end(), '\0');
-        if (command.empty())
-            break;
         status = exchange_piece(write_fd.get(), read_fd.get(), cut_piece(command), buffer, time_out);
-    } while (status == ATCMD_OK && s_wait_for_next_input != 0);
+        if (status != ATCMD_OK || s_wait_for_next_input == 0)
+            break;
+    }
     return status;
 }
 

@@ -28,6 +28,7 @@
 #include "diag/serial_port.h"
 #include "platform/os.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -223,6 +224,18 @@ bool write_failed(const std::string& path)
     return false;
 }
 
+bool is_control(char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7F;
+}
+
+std::string without_controls(std::string name)
+{
+    std::ranges::replace_if(name, is_control, '?');
+    return name;
+}
+
 // The list file: what the modem offers, whether or not a file of it can be saved.
 [[nodiscard]] bool write_list(std::span<const MemoryRegion> regions)
 {
@@ -234,15 +247,18 @@ bool write_failed(const std::string& path)
     }
     (void)fprintf(file.get(), "File name:  base address, size\n");
     for (const MemoryRegion& region : regions)
-        (void)fprintf(file.get(), "%s: 0x%08X, 0x%04X\n", region.file_name.data(), region.base, region.length);
+        (void)fprintf(file.get(), "%s: 0x%08X, 0x%04X\n", without_controls(region.file_name.data()).c_str(),
+                      region.base, region.length);
     return fclose(file.release()) == 0 || write_failed(path);
 }
 
-// The name comes from the modem: it must name a file in the dump directory, and not the list of the others.
+// The name comes from the modem: it must name a file in the dump directory, not the list of the others (some file
+// systems know only one case), and not steer who reads it.
 bool is_region_name(std::string_view name)
 {
-    return !name.empty() && name != "." && name != ".." && name != list_name &&
-           name.find('/') == std::string_view::npos;
+    const auto is_forbidden = [](char c) { return c == '/' || is_control(c); };
+    return !name.empty() && name != "." && name != ".." && strcasecmp(name.data(), list_name) != 0 &&
+           std::ranges::none_of(name, is_forbidden);
 }
 
 enum class Saved { yes, no, cannot_create };
@@ -251,7 +267,7 @@ enum class Saved { yes, no, cannot_create };
 {
     const char* name = region.file_name.data();
     if (!is_region_name(name)) {
-        log_error("Refused the file name of a memory region: %s", name);
+        log_error("Refused the file name of a memory region: %s", without_controls(name).c_str());
         return Saved::no;
     }
     const std::string path = s_crashdump_path + name;
@@ -274,7 +290,10 @@ enum class Saved { yes, no, cannot_create };
 {
     const auto start = std::chrono::steady_clock::now();
     int32_t result = status_done;
-    for (const MemoryRegion& region : regions) {
+    for (size_t i = 0; i < regions.size(); ++i) {
+        const MemoryRegion& region = regions[i];
+        if (std::ranges::count(regions.first(i), region.file_name, &MemoryRegion::file_name) != 0)
+            log_warning("Overwriting the file of a memory region of the same name: %s", region.file_name.data());
         const Saved saved = save_region(region);
         if (saved == Saved::cannot_create)
             return status_incomplete;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -115,9 +116,16 @@ std::span<const uint8_t> data_of(std::span<const uint8_t> answer)
 {
     const uint16_t announced = get_le16(answer, modem_service::length_at);
     const auto carried = answer.subspan(std::min(answer.size(), modem_service::data_at));
-    if (announced > carried.size())
-        log_warning("Response carries %d bytes of %d", static_cast<int>(carried.size()), announced);
     return carried.first(std::min<size_t>(announced, carried.size()));
+}
+
+// Tells of an answer that carries less than it announces.
+void warn_if_cut(std::span<const uint8_t> answer)
+{
+    const uint16_t announced = get_le16(answer, modem_service::length_at);
+    const size_t carried = data_of(answer).size();
+    if (carried < announced)
+        log_warning("Response carries %d bytes of %d", static_cast<int>(carried), announced);
 }
 
 // `name` in the current directory; none, with an ERROR, when that is longer than 511 characters.
@@ -132,9 +140,13 @@ std::optional<std::string> in_current_directory(std::string_view name)
     return std::string(directory.data()).append("/").append(name);
 }
 
+// A folder opens for reading, too, and is none of the files meant here.
 UniqueFile open_or_log(const std::string& path, const char* mode)
 {
     UniqueFile file = open_file(path, mode);
+    struct stat file_status {};
+    if (file != nullptr && fstat(fileno(file.get()), &file_status) == 0 && S_ISDIR(file_status.st_mode))
+        file.reset();
     if (file == nullptr)
         log_error("Failed to open %s", path.c_str());
     return file;
@@ -178,9 +190,11 @@ void print_push_error(uint8_t code)
     return true;
 }
 
-// The data of one chunk of a pulled file into the local one.
-[[nodiscard]] bool store(std::span<const uint8_t> data, FILE* file)
+// Puts the data of one answer to a pull into the local file.
+[[nodiscard]] bool store(std::span<const uint8_t> answer, FILE* file)
 {
+    warn_if_cut(answer);
+    const auto data = data_of(answer);
     if (fwrite(data.data(), 1, data.size(), file) == data.size())
         return true;
     log_error("Failed to write the pulled file: %s", error_text(errno).c_str());
@@ -194,7 +208,7 @@ void pull_data(ServiceBuffer& buffer, FILE* file)
         print_pull_error(buffer.error());
         return;
     }
-    if (!store(data_of(buffer.answer()), file))
+    if (!store(buffer.answer(), file))
         return;
 
     while (exchange_phase(buffer, pull, phase_next)) {
@@ -202,8 +216,7 @@ void pull_data(ServiceBuffer& buffer, FILE* file)
             print_pull_error(buffer.error());
             return;
         }
-        const auto data = data_of(buffer.answer());
-        if (data.empty() || !store(data, file))
+        if (!store(buffer.answer(), file) || data_of(buffer.answer()).empty())
             return;
     }
 }
@@ -276,6 +289,7 @@ void dump_mdmkernel_log()
 int32_t dump_dmesg(std::span<const uint8_t> response)
 {
     if (get_u8(response, modem_service::flag_at) != 0) {
+        warn_if_cut(response);
         const auto data = data_of(response);
         (void)printf("%s", std::string(data.begin(), data.end()).c_str());
         return 0;

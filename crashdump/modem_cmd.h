@@ -23,9 +23,9 @@ constexpr size_t typed_request_size = 512;
 // Sends the request typed in `text` and dumps the response. Says nothing when the text holds no request.
 void send_diagcmd(std::string_view text);
 
-// Sends the request typed in `text`. `length` is the room at `response` in bytes and becomes the response's length, 0
-// on failure. Returns 0, 1 when the text holds no request, or the failure of the exchange.
-[[nodiscard]] int32_t send_diagcmd2(std::string_view text, uint8_t* response, uint32_t& length);
+// Sends the request typed in `text` and copies as much of the response as fits into `response`; `length` is how many
+// bytes, 0 on failure. Returns 0, 1 when the text holds no request, or the failure of the exchange.
+[[nodiscard]] int32_t send_diagcmd2(std::string_view text, std::span<uint8_t> response, uint32_t& length);
 
 // Prints the modem's kernel log.
 void dump_mdmkernel_log();

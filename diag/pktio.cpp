@@ -218,20 +218,30 @@ ssize_t read_port(Stream& stream, int fd, std::span<const uint8_t>& fresh)
     return count;
 }
 
+// What is not a tty would block in a read of nothing, for ever.
+bool is_drained(int fd)
+{
+    pollfd port = {fd, POLLIN, 0};
+    return poll(&port, 1, 0) == 0;
+}
+
 // Reads until the port is drained or the engine is being stopped. Returns false when the device is gone or failing.
 bool read_burst(Stream& stream, int fd)
 {
     for (bool first_read = true; !sStopping; first_read = false) {
+        if (!first_read && is_drained(fd))
+            return true;
         std::span<const uint8_t> fresh;
         const ssize_t count = read_port(stream, fd, fresh);
+        const int error = errno;
         if (traced(odl_trace_bytes))
             __android_log_print(ANDROID_LOG_DEBUG, "RIL_ODL", "%s:%d bytes = %d", "pktio.c", 123,
                                 static_cast<int>(count));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && error == EINTR)
             return true;
         if (count < 0) {
             __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL",
-                                "%s:%d read:errno=%d:error on read--pausing read thread\n", "pktio.c", 127, errno);
+                                "%s:%d read:errno=%d:error on read--pausing read thread\n", "pktio.c", 127, error);
             return false;
         }
         // Readable, yet nothing to read: unplugged.
@@ -268,26 +278,27 @@ bool wait_for_input(int port, int socket)
         if (traced(odl_trace_select))
             __android_log_print(ANDROID_LOG_DEBUG, "RIL_ODL", "%s:%d entered select", "pktio.c", 90);
         const int count = select(std::max(port, socket) + 1, &readable, nullptr, &exceptions, nullptr);
+        const int error = errno;
         if (traced(odl_trace_select))
             __android_log_print(ANDROID_LOG_DEBUG, "RIL_ODL", "%s:%d exited select numFds=%d", "pktio.c", 92, count);
 
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && error == EINTR)
             continue;
         if (count < 0) {
             __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL",
-                                "%s:%d select:errno=%d:select failed--pausing read thread\n", "pktio.c", 96, errno);
+                                "%s:%d select:errno=%d:select failed--pausing read thread\n", "pktio.c", 96, error);
             return false;
         }
         if (FD_ISSET(port, &exceptions)) {
             __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL",
                                 "%s:%d selerr:errno=%d:select err on read fd--exiting read thread\n", "pktio.c", 105,
-                                errno);
+                                error);
             return false;
         }
         if (FD_ISSET(socket, &exceptions)) {
             __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL",
                                 "%s:%d selerr:errno=%d:select err on socket pair--exiting read thread\n", "pktio.c",
-                                110, errno);
+                                110, error);
             return false;
         }
         if (FD_ISSET(socket, &readable)) {

@@ -57,7 +57,7 @@ void Modem::step(std::span<pollfd> others)
     }
 
     timespec wait{};
-    const auto event = next_event();
+    const auto event = next_event(now);
     if (event && *event > now) {
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(*event - now).count();
         constexpr int64_t second = 1'000'000'000;
@@ -72,10 +72,9 @@ void Modem::step(std::span<pollfd> others)
     pass_time();
 }
 
-std::optional<Time> Modem::next_event()
+std::optional<Time> Modem::next_event(Time now)
 {
     constexpr milliseconds look_again{10};
-    const Time now = Clock::now();
     std::optional<Time> event = arrival_;
     const auto sooner = [&](Time time) { event = event ? std::min(*event, time) : time; };
     if (departure_)

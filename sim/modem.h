@@ -47,7 +47,7 @@ private:
     void receive_packets(Line& line, View input);
     void carry_out(Then then);
     void pass_time();
-    [[nodiscard]] std::optional<Time> next_event();
+    [[nodiscard]] std::optional<Time> next_event(Time now);
 
     fs::path nodes_;
     fs::path home_;

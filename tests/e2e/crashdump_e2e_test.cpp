@@ -194,15 +194,15 @@ TEST_P(DumpFaults, SavesWhatCame)
 TEST_F(Crashdump, NamesFromTheModemStayInTheDumpDirectory)
 {
     const std::string cut(19, 'n');
-    modem("crashed --regions", {"../x=1,a/b=1,..=1,.=1,=1,crashdump.lst=1," + cut + "nn=1,%s%n=1,-a b;c=1"});
+    modem("crashed --regions", {"../x=1,a/b=1,..=1,.=1,=1,Crashdump.LST=1,e\nv=1," + cut + "nn=1,%s%n=1,-a b;c=1"});
     const auto r = run("tessel crashdump -d");
     EXPECT_EQ(r.status, 1);
-    const Texts names = {"../x", "a/b", "..", ".", "", "crashdump.lst", cut, "%s%n", "-a b;c"};
+    const Texts names = {"../x", "a/b", "..", ".", "", "Crashdump.LST", "e?v", cut, "%s%n", "-a b;c"};
     Texts refused;
     std::string list = "File name:  base address, size\n";
     for (size_t i = 0; i < names.size(); ++i) {
         list.append(names[i]).append(": 0x400").append(std::to_string(i)).append("0000, 0x0001\n");
-        if (i < 6)
+        if (i < 7)
             refused.push_back("Refused the file name of a memory region: " + names[i]);
     }
     EXPECT_EQ(r.errors(), refused);
@@ -446,6 +446,8 @@ const Operation operations[] = {
     {"NothingTyped", "normal", "c -t 'DIAG: ,'; c -t DIAG:75,256; c -t DIAG:$(printf %0513d 0 | sed s/0/0,/g)",
      0, "", {"E Invalid data: 256", "E Out of buffer size: 512"}, {}, ""},
     {"ArgumentTakenAway", "normal", "c -t DIAG:0 -n 5", 2, "", {"E Missing argument of DIAG:"}, {}, ""},
+    {"PortThatIsNoTty", "absent", "mkfifo f; c -D f -t DIAG:75", 0, // what is sent comes back
+     "Response:\n0000 4b " + times(15, "   ") + " K\n", {"I Opening port: f"}, {}, ""},
     {"NoiseShown", "normal --fault noise@1", "c -v -t DIAG:75,0,68,0", 0,
      "0x4b 0x00 0x44 0x00\n\nMSG: 1F 00 01 02 ......, len=8\nEVENT: 60 00 01 02 ......, len=8\n"
      "EXT MSG: 79 00 01 02 ......, len=8\nEXT MSG TERSE: 7E 00 01 02 ......, len=8\n"
@@ -496,7 +498,7 @@ const Operation operations[] = {
      "dst: /a\nsrc: /data/a\nInvalid error code: 6\n", {"I Total bytes (2) sent! "},
      {put_file, "8: 4B 00 51 00 0B 01", "6: 4B 00 51 00 0B 02"}, ""},
     {"PushOfAFolder", "normal", "c -t PUSH:/data,/a", 0, "dst: /a\nsrc: /data\n",
-     {"E Failed to read the file to push", "I Total bytes (0) sent! "}, {put_file, "6: 4B 00 51 00 0B 02"}, ""},
+     {"E Failed to open /data"}, {}, ""},
     {"PullToAFullDisk", "normal", "ln -s /dev/full version; c -t PULL:/etc/version", 0, "/data/version\nNone\n",
      {"E Failed to write the pulled file: No space left on device"}, {get_file, "6: 4B 00 51 00 0A 01"}, ""},
     {"ServiceRefused", "normal --fault error@1 --fault error@2 --fault error@3",
