@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
@@ -39,7 +38,6 @@ protected:
     {
         SetRspCallback(nullptr);
         ExitOnTimeout = 1;
-        s_verbose = 0;
         pktio_shutdown();
     }
 
@@ -195,19 +193,6 @@ TEST_F(Exchange, SidesDoNotHearEachOther)
     CaptureStderr();
     EXPECT_EQ(plain_update(framed({0x13})), exchange_timed_out);
     (void)GetCapturedStderr();
-}
-
-TEST_F(Exchange, ShowsTrafficOnlyWhenVerbose)
-{
-    (void)open_serial_port(peer.path());
-    CaptureStdout();
-    EXPECT_EQ(plain(framed({5}) + framed({0x13})), exchange_accepted);
-    EXPECT_THAT(GetCapturedStdout(), IsEmpty());
-    s_verbose = 1;
-    CaptureStdout();
-    EXPECT_EQ(plain(framed({5}) + framed({0x13})), exchange_accepted);
-    EXPECT_EQ(GetCapturedStdout(), "0x12\n\nExpected: 0x13\nReceived:\n0x05\n\n"
-                                   "<<<<<<<<<< RX <<<<<<<<<<<\n0x13\n\n<<<<<<<<<< end of RX <<<<<<<<\n");
 }
 
 TEST(ExchangeDeathTest, AFailedSendEndsTheProcess)
