@@ -12,6 +12,7 @@
 #include "crashdump/crashdump.h"
 #include "mdmctrl/mdmctrl.h"
 #include "mdmctrl/system.h"
+#include "platform/os.h"
 #include "wan_dloader/wan_dloader.h"
 
 #include <cstdio>
@@ -64,6 +65,7 @@ const Applet* find_applet(const char* name)
 
 int main(int argc, char** argv)
 {
+    keep_standard_descriptors();
     if (argc <= 1) {
         log_error("Missing applet name");
         tessel_usage(argc == 1 ? argv[0] : "tessel");

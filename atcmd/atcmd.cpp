@@ -40,6 +40,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -368,9 +369,14 @@ int32_t atcmd_read_response(int fd, std::span<char> buffer, int32_t time_out)
     if (status != ATCMD_OK)
         return status;
 
+    // What is not a tty knows no second of silence, and would block in a read of nothing.
+    const auto has_more = [fd, is_tty = isatty(fd) != 0] {
+        pollfd port = {fd, POLLIN, 0};
+        return is_tty || poll(&port, 1, read_tenths * 100) != 0;
+    };
     const size_t room = buffer.size() - 1;
     size_t held = 0;
-    while (held < room) {
+    for (bool first_read = true; held < room && (first_read || has_more()); first_read = false) {
         const ssize_t length = read(fd, &buffer[held], room - held);
         if (length < 0 && errno == EINTR)
             continue;

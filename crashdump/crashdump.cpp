@@ -279,7 +279,11 @@ enum class Saved { yes, no, cannot_create };
     }
     (void)setvbuf(file.get(), nullptr, _IONBF, 0); // a full disk shows at the chunk that no longer fits
     log_info("To read (0x%08X, 0x%04X)", region.base, region.length);
-    (void)fetch_memory_region(file.get(), region.base, region.length); // a short region is what the modem gave
+    (void)fetch_memory_region(file.get(), region.base, region.length);
+    // A short region is what the modem gave, and no failure.
+    const int64_t saved = ftello(file.get());
+    if (saved >= 0 && saved < int64_t{region.length})
+        log_warning("%s: %u of %u bytes saved", name, static_cast<unsigned>(saved), region.length);
     const bool failed = ferror(file.get()) != 0;
     if (fclose(file.release()) != 0 || failed)
         return write_failed(path) ? Saved::yes : Saved::no;
@@ -331,6 +335,8 @@ enum class Saved { yes, no, cannot_create };
         return status_incomplete;
     }
     const auto regions = std::span<const MemoryRegion>(table).first(count);
+    if (regions.empty())
+        log_warning("The modem offers no memory regions");
     if (!write_list(regions))
         return status_incomplete;
     return save_regions(regions);

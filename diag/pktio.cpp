@@ -26,6 +26,9 @@ namespace {
 // The endpoint takes 64-byte packets and waits for a short one after a full one.
 constexpr uint32_t endpoint_packet_size = 64;
 
+// How long the modem may refuse to take bytes, as long as it may take to answer.
+constexpr int write_time_ms = 5000;
+
 constexpr char stop_message[] = "STOP"; // sent with its zero
 
 // Guards the descriptors, so that the reader does not close one while a sender writes to it.
@@ -328,10 +331,36 @@ void* prv_read_thread(void* /*unused*/)
     return nullptr;
 }
 
+// Waits until the port takes bytes again. False, with errno set, when it does not within write_time_ms.
+bool takes_bytes(int fd)
+{
+    pollfd port = {fd, POLLOUT, 0};
+    if (poll(&port, 1, write_time_ms) > 0)
+        return true;
+    errno = ETIMEDOUT;
+    return false;
+}
+
+// Writes `bytes`, as a rule in one call. A modem that takes no more of them would hold a blocking write for ever, so
+// the port does not block meanwhile. Returns their number, or -1 with errno set.
 ssize_t write_bytes(std::span<const uint8_t> bytes)
 {
     const std::lock_guard lock(sDescriptorMutex);
-    return write(sPktIOFd, bytes.data(), bytes.size());
+    (void)fcntl(sPktIOFd, F_SETFL, O_NONBLOCK);
+    auto result = static_cast<ssize_t>(bytes.size());
+    while (!bytes.empty()) {
+        const ssize_t count = write(sPktIOFd, bytes.data(), bytes.size());
+        if (count > 0) {
+            bytes = bytes.subspan(static_cast<size_t>(count));
+        } else if ((count < 0 && errno != EAGAIN) || !takes_bytes(sPktIOFd)) {
+            result = -1;
+            break;
+        }
+    }
+    const int error = errno;
+    (void)fcntl(sPktIOFd, F_SETFL, 0);
+    errno = error;
+    return result;
 }
 
 int write_to_port(int line, std::span<const uint8_t> bytes)

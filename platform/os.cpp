@@ -1,6 +1,7 @@
 #include "platform/os.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -72,6 +73,17 @@ std::string shell_quote(std::string_view path)
             word += c;
     }
     return word += '\'';
+}
+
+void keep_standard_descriptors()
+{
+    int fd = STDIN_FILENO;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC); // the lowest number that is free
+    if (fd >= 0)
+        (void)close(fd);
+    for (fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        (void)fcntl(fd, F_SETFD, 0); // for commands, too
 }
 
 void end_process(int status)

@@ -53,6 +53,10 @@ int run_shell(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // and one that begins with a dash is not taken for an option.
 [[nodiscard]] std::string shell_quote(std::string_view path);
 
+// Opens /dev/null as each of standard input, output and error that is closed. Otherwise the next file to be opened, a
+// modem's port say, would take its number, and with it everything that is printed there. Main thread, before all else.
+void keep_standard_descriptors();
+
 // Flushes all output and ends the process with `status`, without running destructors under a live reader thread.
 // Any thread.
 [[noreturn]] void end_process(int status);

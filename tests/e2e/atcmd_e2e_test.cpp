@@ -52,6 +52,7 @@ const Exchange exchanges[] = {
     {"BinaryAnswer", {"at-text@2:\x01\xFF\x80\x1B[2J%s%n"}, "-c AT", 105, "", no_sense, "ATE0|AT"},
     {"ZeroBytesDoNotHideTheOk", {}, R"(-e -v -c AT -p $(printf 'AT\r\0\0\n\rO\0K\0' > port; echo port))", 0,
      "AT\nOK\n", {}, ""},
+    {"PortThatIsNoTty", {}, "-e -v -c AT+OK -p $(mkfifo fifo; echo fifo)", 0, "AT+OK\n\n", {}, ""},
     {"EndlessAnswer", {}, "-e -c AT -p /dev/zero", 105, "", nine_times(no_sense), ""},
     {"LongestAnswer", {"at-long@2:32761"}, "-v -c AT | tail -c 6", 0, "xx\nOK\n", {}, "ATE0|AT"},
     {"CutAnswer", {"at-long@2:32762"}, "-c AT", 105, "", no_sense, "ATE0|AT"},

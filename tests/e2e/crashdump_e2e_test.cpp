@@ -117,7 +117,12 @@ constexpr size_t all = 8060;
 const std::string framed = "crashed --protocol 6 --regions A.BIN=8060";
 const std::string unframed = "crashed --protocol 7 --regions A.BIN=8060";
 const std::string noise = " --fault noise@1+ --fault stray@1+ --fault pair@1+ --fault empty@1+";
+std::string kept(size_t bytes)
+{
+    return "W A.BIN: " + std::to_string(bytes) + " of 8060 bytes saved";
+}
 const std::string no_table = "E Failed to fetch modem memory regions, possibly modem doesn't crash";
+const std::string nothing = "W The modem offers no memory regions";
 const Texts long_table = {"E Too memory regions: 20 (more than 20)", no_table};
 
 void PrintTo(const Dump& row, std::ostream* out)
@@ -136,9 +141,9 @@ const Dump dumps[] = {
     {"Late", unframed + " --fault delay@5:4000", 0, {}, all},
 
     // A refused read leaves the address where it is, and counts.
-    {"NakFramed", framed + " --fault nak@5:15", 0, {"E Invalid read address"}, all - 2000},
-    {"NakUnframed", unframed + " --fault nak@5", 0, {"E Unknown/invalid command"}, all - 4000},
-    {"NakWithoutText", framed + " --fault nak@8:16", 0, {}, all - 60},
+    {"NakFramed", framed + " --fault nak@5:15", 0, {"E Invalid read address", kept(6060)}, all - 2000},
+    {"NakUnframed", unframed + " --fault nak@5", 0, {"E Unknown/invalid command", kept(4060)}, all - 4000},
+    {"NakWithoutText", framed + " --fault nak@8:16", 0, {kept(8000)}, all - 60},
     {"NakToTheProbe", framed + " --fault nak@1:14", 1,
      {"E Operation not permitted at this time", "E Not in DLOAD mode"}, 0},
     {"NakToTheVersion", framed + " --fault nak@2:7", 1,
@@ -146,8 +151,8 @@ const Dump dumps[] = {
     {"NakToTheTable", framed + " --fault nak@3:1", 1, {"E Invalid frame FCS", no_table}, 0},
 
     // Replies that carry less, or announce more, than was asked for.
-    {"ShortFramed", framed + " --fault short@4:507", 0, {}, all - 1500},
-    {"ShortHeader", framed + " --fault short@4:6", 0, {}, all - 2000},
+    {"ShortFramed", framed + " --fault short@4:507", 0, {kept(6560)}, all - 1500},
+    {"ShortHeader", framed + " --fault short@4:6", 0, {kept(6060)}, all - 2000},
     {"ShortUnframed", unframed + " --fault short@5:4011", 34, {silence}, 4000},
     {"VersionMissing", unframed + " --fault short@2:1", 0, {}, all},
     {"OversizeFramed", framed + " --fault oversize@4", 0, {}, all},
@@ -164,8 +169,8 @@ const Dump dumps[] = {
     // Region tables.
     {"NineteenRegions", framed + times(18, ",1"), 0, {}, all},
     {"TwentyRegions", framed + times(19, ",1"), 1, long_table, 0},
-    {"EmptyTable", framed + " --region-table 110000", 0, {}, 0},
-    {"TableLengthMissing", framed + " --region-table 11", 0, {}, 0},
+    {"EmptyTable", framed + " --region-table 110000", 0, {nothing}, 0},
+    {"TableLengthMissing", framed + " --region-table 11", 0, {nothing}, 0},
     {"TableLengthAbsurd", framed + " --fault oversize@3", 1, long_table, 0},
     {"TableEndsWithinAnEntry", framed + " --region-table 110005014000000000001F7C41004200", 1, long_table, 0},
     {"TableWithoutZeros", framed + " --region-table 11000D014000000000001F7C41424344", 1, long_table, 0},
@@ -446,6 +451,7 @@ const Operation operations[] = {
     {"NothingTyped", "normal", "c -t 'DIAG: ,'; c -t DIAG:75,256; c -t DIAG:$(printf %0513d 0 | sed s/0/0,/g)",
      0, "", {"E Invalid data: 256", "E Out of buffer size: 512"}, {}, ""},
     {"ArgumentTakenAway", "normal", "c -t DIAG:0 -n 5", 2, "", {"E Missing argument of DIAG:"}, {}, ""},
+    {"StandardDescriptorsClosed", "normal", "c -t DIAG:75,0,68,0 <&- >&- 2>&-", 0, "", {}, {ask_sku}, ""},
     {"PortThatIsNoTty", "absent", "mkfifo f; c -D f -t DIAG:75", 0, // what is sent comes back
      "Response:\n0000 4b " + times(15, "   ") + " K\n", {"I Opening port: f"}, {}, ""},
     {"NoiseShown", "normal --fault noise@1", "c -v -t DIAG:75,0,68,0", 0,

@@ -128,6 +128,19 @@ TEST_F(Pktio, RefusesAPacketThatDoesNotFitAFrame)
     EXPECT_EQ(peer.receive(4097), (framed(packet) + Bytes{0x7E}));
 }
 
+// It floods, so that it is not just silent, and reads nothing.
+TEST_F(Pktio, DoesNotWaitForEverForAModemThatTakesNothing)
+{
+    CaptureStderr();
+    const Bytes packet(2000, 0x11);
+    while (pktio_send_packet(packet) == 0)
+        peer.send(framed({1}));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("pktio.c:221 write:errno=110 (Connection timed out):error writing"));
+    peer.send(framed({6}));
+    (void)packets(1);
+    EXPECT_EQ(packets(1).front(), Bytes{1}) << "the reader is not held up";
+}
+
 TEST_F(Pktio, EndsWithThePortAndStartsAgain)
 {
     CaptureStderr();
