@@ -33,7 +33,8 @@ using ShutdownHandler = void (*)(uintptr_t user_data);
 void pktio_shutdown();
 
 // Frames `packet` and writes it. A frame that is a multiple of 64 bytes long goes out with a second flag. Returns 0, or
-// 1 after an ERROR (does not fit, or the write failed). One sender at a time.
+// 1 after an ERROR: it does not fit, the write failed, or the modem took no bytes for five seconds. One sender at a
+// time.
 [[nodiscard]] int pktio_send_packet(std::span<const uint8_t> packet);
 
 // Writes `bytes` as they are. Returns 0, or 1 after an ERROR. One sender at a time.
