@@ -11,8 +11,9 @@
 //   -d -v -o debug texts, traffic, log lines on standard output
 //
 // A dump is crashdump.lst, which lists the regions, and one file a region. Exit status: 0 done; also for every -t and
-// NV operation whatever the modem answered, and for an unknown -t keyword. 1 the dump is not complete. 2 usage shown, unusable
-// arguments. 32 no such port, or it cannot be opened. 34 the modem fell silent. 4, 69 a request could not be sent.
+// NV operation whatever the modem answered, and for an unknown -t keyword. 1 the dump is not complete. 2 usage shown,
+// unusable arguments. 32 no such port, or it cannot be opened. 34 the modem fell silent. 4, 69 a request could not be
+// sent.
 //
 // Kept on purpose: the usage text names an option -P that does not exist; of several operations a -t number wins over a
 // -t keyword, and that over -n and -N; a table of exactly 20 regions is refused.
