@@ -3,7 +3,7 @@
 
 build_packages=(g++ cmake ninja-build libgtest-dev libgmock-dev bubblewrap)
 # shellcheck disable=SC2034 # for ./check
-check_packages=("${build_packages[@]}" clang-format clang-tidy mandoc shellcheck)
+check_packages=("${build_packages[@]}" git clang-format clang-tidy mandoc shellcheck)
 
 # Makes sure that the given Debian packages are there: installs what is missing when run as root on Debian, otherwise
 # says what to install and ends.
