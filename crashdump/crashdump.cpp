@@ -286,8 +286,10 @@ enum class Saved { yes, no, cannot_create };
     if (saved >= 0 && saved < int64_t{region.length})
         log_warning("%s: %u of %u bytes saved", name, static_cast<unsigned>(saved), region.length);
     const bool failed = ferror(file.get()) != 0;
-    if (fclose(file.release()) != 0 || failed)
-        return write_failed(path) ? Saved::yes : Saved::no;
+    if (fclose(file.release()) != 0 || failed) {
+        (void)write_failed(path);
+        return Saved::no;
+    }
     return Saved::yes;
 }
 
@@ -297,7 +299,8 @@ enum class Saved { yes, no, cannot_create };
     int32_t result = status_done;
     for (size_t i = 0; i < regions.size(); ++i) {
         const MemoryRegion& region = regions[i];
-        if (std::ranges::count(regions.first(i), region.file_name, &MemoryRegion::file_name) != 0)
+        const bool seen = std::ranges::count(regions.first(i), region.file_name, &MemoryRegion::file_name) != 0;
+        if (seen && is_region_name(region.file_name.data()))
             log_warning("Overwriting the file of a memory region of the same name: %s", region.file_name.data());
         const Saved saved = save_region(region);
         if (saved == Saved::cannot_create)

@@ -87,7 +87,8 @@ TEST(Atcmd, FailedSelectIsAStatus)
     std::array<char, 64> buffer{};
     const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK));
     ASSERT_EQ(grantpt(master.get()) + unlockpt(master.get()), 0);
-    const UniqueFd slave(open(ptsname(master.get()), O_RDWR | O_NOCTTY | O_NONBLOCK)); // NOLINT(concurrency-mt-unsafe)
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
+    const UniqueFd slave(open(ptsname(master.get()), O_RDWR | O_NOCTTY | O_NONBLOCK));
     EXPECT_EQ(atcmd_read_response(-1, buffer, 1), 99);
 
     // More descriptors than select can tell apart.
