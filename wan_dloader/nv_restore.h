@@ -1,0 +1,42 @@
+// Whole backups and restores of the modem's NV data, the golden copy, and single writes to the modem.
+//
+// Everything runs on the main thread and blocks; ports are paths of DIAG ttys. A backup leaves the modem offline, a
+// restore resets it.
+#pragma once
+
+#include "crashdump/nv_item.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+// Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
+// are left out (WARNING); a backup file that cannot be written is an ERROR, and 1.
+[[nodiscard]] int32_t BackupQCN(const std::string& port);
+
+// The same to /data/nvbackup_golden.bin, unless that exists. With s_force_fw_update it is made anew, and the old one is
+// put back when that fails.
+[[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
+
+// Removes /data/nvbackup.bin. The shell's raw status.
+int32_t RemoveNVBackup();
+
+// Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or 1
+// with an ERROR when the port does not appear within 30 s. Failures of single steps are ERRORs and no failure of the
+// whole.
+[[nodiscard]] int32_t RestoreQCN(const std::string& port);
+[[nodiscard]] int32_t RestoreGoldenQCN(const std::string& port);
+
+// Makes the golden copy from the backup file where there is none yet. 1 when there is one, or there was a backup to
+// copy from; 0 with a WARNING when there was not.
+[[nodiscard]] int32_t MakeGoldenCopy();
+
+// Writes one NV item; code and status of `packet` are set here. Always 0, whatever the modem answers; a status but 0 is
+// a WARNING.
+int32_t write_nvitem(const NvPacket& packet);
+
+// Writes an item file of at most 65535 bytes. 0, or 1 with an ERROR.
+int32_t write_nvitemfile(const std::string& path, std::span<const uint8_t> data);
+
+// Writes a regular file, over one that is there. 0, or 1 with an ERROR or WARNING.
+int32_t write_efsfile(const std::string& path, std::span<const uint8_t> data);

@@ -1,0 +1,43 @@
+// What backup, restore and NV update files share: requests to a modem whose NV data are at stake, the answers to NV
+// requests, and the way an item file is fetched.
+//
+// All functions run on the main thread with the port open (OpenSerialPort), unless said otherwise.
+#pragma once
+
+#include "crashdump/nv_item.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Data bytes of one EFS2 request of a transfer.
+constexpr uint32_t transfer_piece = 512;
+
+// DIAG mode request: 29, mode (2).
+enum class ModemMode : uint16_t { offline = 0, reset = 2 };
+// Asks for a mode. What the modem answers is not looked at; a time-out is logged (ERROR) by the exchange.
+void request_modem_mode(ModemMode mode);
+
+// Sends the service programming code of this product, which unlocks NV writes. The answer is not looked at.
+void send_service_programming_code();
+
+// The response in `packet` to the NV request `request`, from its code on; empty when it is none, and the wait goes on.
+// A modem that refuses for want of the service programming code puts 42 in front of the echoed request: that is a
+// WARNING, and the echo is the response. Reader thread.
+[[nodiscard]] std::span<const uint8_t> nv_response(std::span<const uint8_t> packet, const NvPacket& request);
+
+// Judges the status of the NV response `response`: 0 when it ends the wait, 1 when the modem has only queued the
+// request. Any status but 0 is a WARNING. Reader thread.
+[[nodiscard]] int32_t judge_nv_status(std::span<const uint8_t> response);
+
+// Fetches the item file `path`, whose size the modem gave as `size`, in pieces, each with the number `sequence`, which
+// is raised by one after each. True with the bytes in `data`. False, with a WARNING that the file is skipped, when the
+// modem refuses a piece, does not answer, or answers with another number (adopted, and raised).
+//
+// After a piece, its length counts twice against what is left, so that of a long file only about half is fetched, in
+// one piece up to 1024 bytes. Kept on purpose: the pieces of an item file are not addressed, and this is how existing
+// backups were made.
+[[nodiscard]] bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
+                                    std::vector<uint8_t>& data);
