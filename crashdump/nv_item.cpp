@@ -65,10 +65,15 @@ void nvitem_write(NvPacket& packet)
         log_error("Doesn't receive the NV response\n");
 }
 
+const char* nv_status_text(uint16_t status)
+{
+    return status < std::size(nv_stat_msg) ? nv_stat_msg[status] : nullptr;
+}
+
 void display_nv_rdwr_status(uint16_t status)
 {
-    if (status < std::size(nv_stat_msg))
-        log_warning("%s", nv_stat_msg[status]);
+    if (const char* text = nv_status_text(status))
+        log_warning("%s", text);
     else
         log_warning("Unknown status: %d", status);
 }

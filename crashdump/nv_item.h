@@ -25,6 +25,9 @@ void nvitem_read(uint32_t item, uint32_t index);
 // thread.
 void nvitem_write(NvPacket& packet);
 
+// What the status of an NV response means; null for one that has no text. Any thread.
+[[nodiscard]] const char* nv_status_text(uint16_t status);
+
 // Logs what the status of an NV response means, at WARNING.
 void display_nv_rdwr_status(uint16_t status);
 

@@ -1,0 +1,357 @@
+// Oddities of the format that are kept on purpose, since existing backups have them:
+//   - An item that the modem refuses for want of the service programming code is stored with the request's data.
+//   - Of a long item file only the first part is fetched (see fetch_nvitemfile), while D is what the modem said. Behind
+//     such a record nothing in its chunk can be read any more; a WARNING says so when it is made.
+//   - The item file that the table has twice is stored twice.
+
+#include "wan_dloader/nv_backup.h"
+
+#include "app/applet_log.h"
+#include "crashdump/efs2.h"
+#include "diag/exchange.h"
+#include "diag/packet_fields.h"
+#include "diag/serial_port.h"
+#include "platform/os.h"
+#include "wan_dloader/nv_file.h"
+#include "wan_dloader/nv_tables.h"
+#include "wan_dloader/nv_transfer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr int64_t file_header_size = nv_file_header::size;
+constexpr int64_t chunk_header_size = nv_chunk_header::size;
+
+// A file of the modem that claims to be larger is not believed.
+constexpr uint32_t largest_file = 0x100000;
+
+// Shared with the reader thread.
+std::mutex s_nv_mutex;
+UniqueFile s_nv_file;        // while NV items are stored
+uint32_t s_nvbacked_num = 0; // of them
+NvPacket DiagNvPkt{};        // the request in flight
+
+// Opens the file of a pass; empty with an ERROR when that fails.
+UniqueFile open_backup(const std::string& file_name, const char* mode)
+{
+    UniqueFile file = open_file(file_name, mode);
+    if (!file)
+        log_error("fopen %s: %s", file_name.c_str(), error_text(errno).c_str());
+    return file;
+}
+
+// 0 when every byte of a pass is on the disk, else 1 with an ERROR.
+int32_t sync_backup(const UniqueFile& file, const std::string& file_name)
+{
+    const bool failed_before = ferror(file.get()) != 0;
+    errno = 0;
+    if (fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 && !failed_before)
+        return 0;
+    log_error("Failed to write %s: %s", file_name.c_str(), error_text(errno != 0 ? errno : EIO).c_str());
+    return 1;
+}
+
+// Whether the file ends where its chunks do; else an ERROR.
+bool has_size(FILE* file, int64_t expected)
+{
+    const int64_t actual = nv_file_size(file);
+    if (actual != expected)
+        log_error("NV backup file size is not correct! expected: %lld, actual: %lld", static_cast<long long>(expected),
+                  static_cast<long long>(actual));
+    return actual == expected;
+}
+
+// Stores an NV response that carries data. Reader thread.
+int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
+{
+    const std::lock_guard lock(s_nv_mutex);
+    const auto response = nv_response(packet, DiagNvPkt);
+    if (response.empty())
+        return 1;
+    if (get_le16(response, nv_packet::status_at) != 0)
+        return judge_nv_status(response);
+    if (s_nv_file != nullptr) {
+        ++s_nvbacked_num;
+        // Item and data stand in a record as in the response.
+        static_assert(nv_packet::item_at + nv_item_record::data_at == nv_packet::data_at);
+        const auto record = response.subspan(nv_packet::item_at, nv_item_record::size);
+        (void)fwrite(record.data(), 1, record.size(), s_nv_file.get());
+    }
+    return 0;
+}
+
+void read_nv_item(const NvItemRow& row)
+{
+    {
+        const std::lock_guard lock(s_nv_mutex);
+        DiagNvPkt.fill(0);
+        put_u8(DiagNvPkt, 0, nv_packet::read_code);
+        put_le16(DiagNvPkt, nv_packet::item_at, row.item);
+        put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
+    }
+    (void)SendPktAndWait(DiagNvPkt, 0); // what came of it is in the file, or in the log
+}
+
+bool can_write()
+{
+    const std::lock_guard lock(s_nv_mutex);
+    return ferror(s_nv_file.get()) == 0;
+}
+
+// A record of a file of the modem, as it stands in the backup file.
+std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::span<const uint8_t> contents)
+{
+    std::vector<uint8_t> record(2);
+    put_le16(record, 0, static_cast<uint16_t>(path.size() + 1));
+    record.insert(record.end(), path.begin(), path.end());
+    record.insert(record.end(), {0, 0, 0});
+    put_le16(record, record.size() - 2, static_cast<uint16_t>(size & 0xFFFF));
+    record.insert(record.end(), contents.begin(), contents.end());
+    if (contents.size() != (size & 0xFFFF))
+        log_warning("%s: saved %zu of %u bytes, cannot be restored from this backup", path.c_str(), contents.size(),
+                    static_cast<unsigned>(size));
+    return record;
+}
+
+// The contents of an item file; false with a WARNING when the modem has none of this name and kind, or does not give
+// it.
+bool get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status, std::vector<uint8_t>& contents)
+{
+    if (efs2_stat(path, &status) != 0) {
+        log_warning("%s not found", path.c_str());
+        return false;
+    }
+    if ((status.mode & efs2_mode::type_bits) != efs2_mode::item_file) {
+        log_warning("%s is not a NV item file: 0x%x", path.c_str(), static_cast<unsigned>(status.mode));
+        return false;
+    }
+    log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
+    if (status.size > largest_file) {
+        log_warning("Skip %s", path.c_str());
+        return false;
+    }
+    return fetch_nvitemfile(path, status.size, sequence, contents);
+}
+
+// The contents of a regular file, in the same way.
+bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t>& contents)
+{
+    constexpr uint32_t read_only = 0, read_by_owner = 0x100;
+    if (efs2_stat(path, &status) != 0) {
+        log_warning("%s not found", path.c_str());
+        return false;
+    }
+    if ((status.mode & efs2_mode::type_bits) != efs2_mode::regular_file) {
+        log_warning("%s is not an EFS file: 0%o", path.c_str(), static_cast<unsigned>(status.mode));
+        return false;
+    }
+    log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
+    const int32_t descriptor = status.size > largest_file ? -1 : efs2_open_file(path, read_only, read_by_owner);
+    if (descriptor < 0) {
+        log_warning("Failed to open %s, skip it!", path.c_str());
+        return false;
+    }
+    contents.resize(status.size);
+    uint32_t offset = 0;
+    while (offset < status.size) {
+        const auto piece = std::span(contents).subspan(offset).first(std::min(status.size - offset, transfer_piece));
+        const int32_t count = efs2_read_file(descriptor, piece, offset);
+        if (count <= 0)
+            break;
+        offset += static_cast<uint32_t>(count);
+    }
+    (void)efs2_close_file(descriptor);
+    if (offset == status.size)
+        return true;
+    log_warning("Failed to read %s, skip it!", path.c_str());
+    return false;
+}
+
+// Begins a chunk at the end of the file.
+void begin_chunk(FILE* file, const NvChunkHeader& chunk)
+{
+    (void)fseeko(file, 0, SEEK_END);
+    write_nv_chunk_header(file, chunk);
+    (void)efs2_init(); // what a modem without EFS2 cannot give shows file by file
+}
+
+void append_record(FILE* file, NvChunkHeader& chunk, std::span<const uint8_t> record)
+{
+    (void)fwrite(record.data(), 1, record.size(), file);
+    ++chunk.count;
+    chunk.size += static_cast<uint32_t>(record.size());
+}
+
+// Writes the final header of the chunk that begins at `chunk_at`, then counts it in the file's header, unless records
+// may be missing.
+int32_t finish_chunk(const UniqueFile& file, const std::string& file_name, const NvFileHeader& header, int64_t chunk_at,
+                     const NvChunkHeader& chunk)
+{
+    (void)fseeko(file.get(), static_cast<off_t>(chunk_at), SEEK_SET);
+    write_nv_chunk_header(file.get(), chunk);
+    (void)fseeko(file.get(), 0, SEEK_SET);
+    if (ferror(file.get()) == 0)
+        write_nv_file_header(file.get(), header.chunks + 1);
+    return sync_backup(file, file_name);
+}
+
+// Lists the files of a chunk.
+void list_files(NvChunkReader& records, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        const auto path = records.read_path();
+        if (path)
+            log_info("%4d %s", static_cast<int>(i), path->c_str());
+        const auto length = path ? records.read_number() : std::nullopt;
+        if (!length || !records.skip(*length)) {
+            log_error("NV backup file ends inside record %d", static_cast<int>(i));
+            return;
+        }
+    }
+}
+
+} // namespace
+
+int32_t NvItemBackup(const std::string& file_name)
+{
+    log_info(">>> Start NV item backup ...");
+    UniqueFile file = open_backup(file_name, "w");
+    if (!file)
+        return 1;
+    NvChunkHeader chunk = {nv_chunk_header::nv_items, 0, 0};
+    write_nv_file_header(file.get(), 1);
+    write_nv_chunk_header(file.get(), chunk);
+    {
+        const std::lock_guard lock(s_nv_mutex);
+        s_nv_file = std::move(file);
+        s_nvbacked_num = 0;
+    }
+
+    SetRspCallback(NvBackupCallback);
+    if (sDebug != 0)
+        log_debug("Backing up modem NV items");
+    for (const NvItemRow& row : NvItemList) {
+        read_nv_item(row);
+        if (!can_write())
+            break;
+    }
+    SetRspCallback(nullptr);
+
+    {
+        const std::lock_guard lock(s_nv_mutex);
+        file = std::move(s_nv_file);
+        chunk.count = s_nvbacked_num;
+    }
+    chunk.size = chunk.count * static_cast<uint32_t>(nv_item_record::size);
+    (void)fseeko(file.get(), nv_file_header::size, SEEK_SET);
+    write_nv_chunk_header(file.get(), chunk);
+    const int32_t result = sync_backup(file, file_name);
+    log_info(">>> Totally backed up %d NV items.", static_cast<int>(chunk.count));
+    return result;
+}
+
+int32_t NvItemFileBackup(const std::string& file_name)
+{
+    log_info(">>> Start NV item file backup ...");
+    UniqueFile file = open_backup(file_name, "r+");
+    if (!file)
+        return 1;
+    const NvFileHeader header = read_nv_file_header(file.get());
+    const NvChunkHeader existing = read_nv_chunk_header(file.get());
+    const int64_t end = file_header_size + chunk_header_size + existing.size;
+    if (!has_size(file.get(), end))
+        return 1;
+
+    NvChunkHeader chunk = {nv_chunk_header::nv_item_files, 0, 0};
+    begin_chunk(file.get(), chunk);
+    uint16_t sequence = 0;
+    std::vector<uint8_t> contents;
+    for (const NvFileRow& row : NvItemFileList) {
+        Efs2Stat status{};
+        if (get_item_file(row.path, sequence, status, contents))
+            append_record(file.get(), chunk, file_record(row.path, status.size, contents));
+    }
+    log_info(">>> Total saved NV item files: %d, size: %d", static_cast<int>(chunk.count),
+             static_cast<int>(chunk.size));
+    return finish_chunk(file, file_name, header, end, chunk);
+}
+
+int32_t EfsFileBackup(const std::string& file_name)
+{
+    log_info(">>> Start EFS file backup ...");
+    UniqueFile file = open_backup(file_name, "r+");
+    if (!file)
+        return 1;
+    const NvFileHeader header = read_nv_file_header(file.get());
+    int64_t end = file_header_size;
+    for (int i = 0; i < 2; ++i) {
+        (void)fseeko(file.get(), static_cast<off_t>(end), SEEK_SET);
+        const NvChunkHeader existing = read_nv_chunk_header(file.get());
+        (void)printf("chunk size:  %d\n", static_cast<int>(existing.size));
+        end += chunk_header_size + existing.size;
+    }
+    if (!has_size(file.get(), end))
+        return 1;
+
+    NvChunkHeader chunk = {nv_chunk_header::efs_files, 0, 0};
+    begin_chunk(file.get(), chunk);
+    std::vector<uint8_t> contents;
+    for (const NvFileRow& row : EFSFileList) {
+        Efs2Stat status{};
+        if (get_efs_file(row.path, status, contents))
+            append_record(file.get(), chunk, file_record(row.path, status.size, contents));
+    }
+    log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));
+    return finish_chunk(file, file_name, header, end, chunk);
+}
+
+void NVItemBackupVerify(const std::string& file_name)
+{
+    log_info(">>> Start verifying nvbackup file ...");
+    const UniqueFile file = open_backup(file_name, "r");
+    if (!file)
+        return;
+    const NvFileHeader header = read_nv_file_header(file.get());
+    if (!header.is_valid()) {
+        log_error("Not a valid NV backup file");
+        return;
+    }
+    log_info("Total chunks: %d", static_cast<int>(header.chunks));
+    for (uint32_t to_go = header.chunks; to_go > 0; --to_go) {
+        log_info(">>> %d", static_cast<int>(to_go));
+        const NvChunkHeader chunk = read_nv_chunk_header(file.get());
+        NvChunkReader records(file.get(), chunk);
+        switch (chunk.tag) {
+        case nv_chunk_header::nv_items:
+            log_info("NV Item chunk:");
+            log_info("\tNV items: %d", static_cast<int>(chunk.count));
+            log_info("\tTotal size: %d", static_cast<int>(chunk.size));
+            break;
+        case nv_chunk_header::nv_item_files:
+            log_info("NV Item File chunk:");
+            log_info("\tNV item files: %d", static_cast<int>(chunk.count));
+            log_info("\tTotal size: %d", static_cast<int>(chunk.size));
+            list_files(records, chunk.count);
+            break;
+        case nv_chunk_header::efs_files:
+            log_info("EFS File chunk:");
+            log_info("\tEFS files: %d", static_cast<int>(chunk.count));
+            log_info("\tTotal size: %d", static_cast<int>(chunk.size));
+            list_files(records, chunk.count);
+            break;
+        default:
+            log_error("Missing chunks: %d", static_cast<int>(to_go));
+            if (feof(file.get()) != 0)
+                to_go = 1; // a file that has ended has no more of them
+            continue;
+        }
+        records.skip_rest();
+    }
+    log_info(">>> Completed nvbackup file verifying: OK");
+}

@@ -1,0 +1,27 @@
+// The passes of an NV backup: each adds its chunk to the backup file (nv_file.h), the last one lists what is in it.
+//
+// The file is made by the first pass and extended by the next two; each makes sure that it ends where the chunks that
+// it expects end, and leaves any other file alone. A chunk and the number of chunks count only once a pass is through.
+// Single items and files that the modem does not give are a WARNING each, are left out, and are no failure.
+//
+// With the port open (OpenSerialPort) and the modem offline; main thread. Responses to NV requests are judged and
+// stored on the reader thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// NV items, row by row of NvItemList, into a new file. 0, or 1 with an ERROR when the file cannot be made or written.
+[[nodiscard]] int32_t NvItemBackup(const std::string& file_name);
+
+// Item files, row by row of NvItemFileList. 0, or 1 with an ERROR when the file cannot be opened or written, or holds
+// anything but one chunk.
+[[nodiscard]] int32_t NvItemFileBackup(const std::string& file_name);
+
+// Regular files, row by row of EFSFileList. 0, or 1 with an ERROR when the file cannot be opened or written, or holds
+// anything but two chunks.
+[[nodiscard]] int32_t EfsFileBackup(const std::string& file_name);
+
+// Lists the contents of a backup file at INFO. Says OK in the end for whatever begins like a backup file; an ERROR when
+// it does not, cannot be opened, ends too early or holds an unknown chunk.
+void NVItemBackupVerify(const std::string& file_name);

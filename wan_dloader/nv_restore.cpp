@@ -1,0 +1,403 @@
+#include "wan_dloader/nv_restore.h"
+
+#include "app/applet_log.h"
+#include "app/wan_common.h"
+#include "crashdump/efs2.h"
+#include "diag/exchange.h"
+#include "diag/packet_fields.h"
+#include "diag/serial_port.h"
+#include "platform/os.h"
+#include "wan_dloader/emergency_downloader.h"
+#include "wan_dloader/nv_backup.h"
+#include "wan_dloader/nv_file.h"
+#include "wan_dloader/nv_transfer.h"
+#include "wan_dloader/run_settings.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <mutex>
+#include <optional>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr const char* backup_path = "/data/nvbackup.bin";
+constexpr const char* golden_path = "/data/nvbackup_golden.bin";
+constexpr int32_t port_time = 30; // seconds to wait for a DIAG port
+
+constexpr uint32_t item_file_flags = 0x80040; // of the modem: make the file, and the directories above it
+constexpr uint32_t write_new = 0x41;          // write only, create
+constexpr uint32_t write_over = 0x201;        // write only, truncate
+constexpr uint32_t readable_by_all = 0666;    // mode of a new file
+
+// Shared with the reader thread.
+std::mutex s_nv_mutex;
+NvPacket DiagNvPkt{}; // the request in flight
+
+// Numbers of the item files written outside of a restore, in the life of the process.
+uint16_t seq_num = 0;
+uint16_t seq_out = 0;
+
+bool exists(const std::string& path)
+{
+    struct stat file_status {};
+    return stat(path.c_str(), &file_status) == 0;
+}
+
+// Reader thread.
+int32_t NvRestoreCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
+{
+    const std::lock_guard lock(s_nv_mutex);
+    const auto response = nv_response(packet, DiagNvPkt);
+    return response.empty() ? 1 : judge_nv_status(response);
+}
+
+// Sends `packet` as a write request, NvRestoreCallback being installed. Whether the modem took it is in the log.
+void send_nv_write(const NvPacket& packet)
+{
+    {
+        const std::lock_guard lock(s_nv_mutex);
+        DiagNvPkt = packet;
+        put_u8(DiagNvPkt, 0, nv_packet::write_code);
+        put_le16(DiagNvPkt, nv_packet::status_at, 0);
+    }
+    (void)SendPktAndWait(DiagNvPkt, 0);
+}
+
+// Opens the regular file `path` of the modem, over one that is there. The descriptor, or a negative failure.
+int32_t open_efs_file(const std::string& path)
+{
+    const bool there = efs2_stat(path, nullptr) == 0;
+    if (there)
+        log_info("%s exists - overwrite it", path.c_str());
+    else
+        log_info("%s doesn't exist - create it", path.c_str());
+    return efs2_open_file(path, there ? write_over : write_new, readable_by_all);
+}
+
+// Writes `data` to the open file `descriptor` of the modem. 0, or 1 with an ERROR.
+int32_t write_pieces(int32_t descriptor, std::span<const uint8_t> data, const std::string& path)
+{
+    for (size_t offset = 0; offset < data.size();) {
+        const auto piece = data.subspan(offset).first(std::min<size_t>(data.size() - offset, transfer_piece));
+        const int32_t written = efs2_write_file(descriptor, piece, static_cast<uint32_t>(offset));
+        if (written < 0) {
+            log_error("Failed to write EFS file: %s", path.c_str());
+            return 1;
+        }
+        if (static_cast<size_t>(written) < piece.size()) {
+            log_error("Failed to write %d bytes (only %d) to EFS file: %s", static_cast<int>(piece.size()), written,
+                      path.c_str());
+            return 1;
+        }
+        offset += piece.size();
+    }
+    return 0;
+}
+
+// ---- restore ----
+
+// A backup file, open at the records of one chunk.
+struct Chunk {
+    UniqueFile file;
+    NvChunkHeader header;
+};
+
+// Opens the backup file `file_name` and looks for a chunk, which `block` names. No file when there is none, with an
+// ERROR.
+Chunk find_chunk(const std::string& file_name, uint32_t tag, const char* block)
+{
+    UniqueFile file = open_file(file_name, "r");
+    if (!file) {
+        log_error("fopen %s: %s", file_name.c_str(), error_text(errno).c_str());
+        return {};
+    }
+    const NvFileHeader header = read_nv_file_header(file.get());
+    if (!header.is_valid()) {
+        log_error("Not a valid NV backup file");
+        return {};
+    }
+    for (uint32_t i = 0; i < header.chunks && feof(file.get()) == 0; ++i) {
+        const NvChunkHeader chunk = read_nv_chunk_header(file.get());
+        if (chunk.tag == tag)
+            return {std::move(file), chunk};
+        (void)fseeko(file.get(), chunk.size, SEEK_CUR);
+    }
+    log_error("!!!Not found %s block", block);
+    return {};
+}
+
+int32_t NvItemRestore(const std::string& file_name)
+{
+    log_info(">>> Start restoring NV items ...");
+    const Chunk chunk = find_chunk(file_name, nv_chunk_header::nv_items, "NV item");
+    if (!chunk.file)
+        return 1;
+    send_service_programming_code();
+
+    SetRspCallback(NvRestoreCallback);
+    if (sDebug != 0)
+        log_debug("Restoring modem NV items");
+    uint32_t sent = 0;
+    NvChunkReader records(chunk.file.get(), chunk.header);
+    for (; sent < chunk.header.count; ++sent) {
+        NvPacket packet{};
+        // Item and data stand in a record as in the request.
+        if (!records.read(std::span(packet).subspan(nv_packet::item_at, nv_item_record::size))) {
+            log_error("NV backup file ends inside record %d", static_cast<int>(sent));
+            break;
+        }
+        send_nv_write(packet);
+    }
+    SetRspCallback(nullptr);
+    log_info(">>> Totally restored %d NV items.", static_cast<int>(sent));
+    return 0;
+}
+
+// One file of a backup.
+struct FileRecord {
+    std::string path;
+    std::vector<uint8_t> data;
+};
+
+// Reads record `number` and logs its path. Nothing, with an ERROR, where the chunk or the file ends inside.
+std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t number)
+{
+    FileRecord record;
+    const auto path = records.read_path();
+    const auto length = path ? records.read_number() : std::nullopt;
+    if (!length) {
+        log_error("NV backup file ends inside record %d", static_cast<int>(number));
+        return std::nullopt;
+    }
+    log_info("\t%4d %s", static_cast<int>(number), path->c_str());
+    record.path = *path;
+    record.data.resize(*length);
+    if (!records.read(record.data)) {
+        // Names the plain backup while the golden copy is restored, too; readers of logs know this text.
+        log_error("Failed to read file: %s for %s record", backup_path, path->c_str());
+        return std::nullopt;
+    }
+    return record;
+}
+
+int32_t NvItemFileRestore(const std::string& file_name)
+{
+    log_info(">>> Start restoring NV item files ...");
+    const Chunk chunk = find_chunk(file_name, nv_chunk_header::nv_item_files, "NV item file");
+    if (!chunk.file)
+        return 1;
+    uint16_t sequence = 0;
+    NvChunkReader records(chunk.file.get(), chunk.header);
+    for (uint32_t i = 0; i < chunk.header.count; ++i) {
+        const auto record = read_file_record(records, i);
+        if (!record)
+            break;
+        ++sequence;
+        if (efs2_put_file(record->path, record->data, item_file_flags, sequence) < 0)
+            log_error("Failed to put nv file: %s", record->path.c_str());
+    }
+    log_info(">>> Totally restored %d NV item files", static_cast<int>(chunk.header.count));
+    return 0;
+}
+
+int32_t EfsFileRestore(const std::string& file_name)
+{
+    log_info(">>> Start restoring EFS files ...");
+    const Chunk chunk = find_chunk(file_name, nv_chunk_header::efs_files, "EFS file");
+    if (!chunk.file)
+        return 1;
+    NvChunkReader records(chunk.file.get(), chunk.header);
+    for (uint32_t i = 0; i < chunk.header.count; ++i) {
+        // Read whole before the modem's file is touched: a damaged backup must not cut a good one.
+        const auto record = read_file_record(records, i);
+        if (!record)
+            break;
+        const int32_t descriptor = open_efs_file(record->path);
+        if (descriptor < 0)
+            continue; // the client has said why
+        (void)write_pieces(descriptor, record->data, record->path);
+        (void)efs2_close_file(descriptor);
+    }
+    log_info(">>> Totally restored %d EFS files", static_cast<int>(chunk.header.count));
+    return 0;
+}
+
+// ---- whole backups ----
+
+bool open_port(const std::string& port)
+{
+    if (WaitForDiagPort(port.c_str(), port_time) == 0)
+        return false;
+    (void)OpenSerialPort(port.c_str()); // ends the process where it fails
+    return true;
+}
+
+int32_t backup_to(const std::string& port, const std::string& file_name)
+{
+    if (!open_port(port))
+        return 1;
+    request_modem_mode(ModemMode::offline);
+    // All of them run, so that what can be saved is. A backup that is not on the disk whole must not count as one:
+    // the modem may be erased next.
+    const int32_t results[] = {NvItemBackup(file_name), NvItemFileBackup(file_name), EfsFileBackup(file_name)};
+    NVItemBackupVerify(file_name);
+    CloseSerialPort();
+    return std::ranges::count(results, 0) == std::ssize(results) ? 0 : 1;
+}
+
+int32_t restore_from(const std::string& port, const std::string& file_name)
+{
+    if (sFlashAllPartitions == 0)
+        return 0;
+    if (!open_port(port)) {
+        log_error("Timeout: DIAG port (%s) is not ready", port.c_str());
+        return 1;
+    }
+    request_modem_mode(ModemMode::offline);
+    // Each step is of use without the others, and says itself what went wrong.
+    (void)NvItemRestore(file_name);
+    (void)NvItemFileRestore(file_name);
+    (void)EfsFileRestore(file_name);
+    request_modem_mode(ModemMode::reset); // starts on the restored data
+    CloseSerialPort();
+    return 0;
+}
+
+// ---- golden copy ----
+
+const std::string parked_path = std::string(golden_path) + "tmp"; // the old one while a new one is made
+
+// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one.
+void undo_cut_renewal()
+{
+    if (!exists(parked_path))
+        return;
+    log_warning("Putting back the golden copy of a renewal that was cut short");
+    (void)run_shell("mv %s %s", parked_path.c_str(), golden_path);
+}
+
+// 1 when there is a source, whether it could be copied or not.
+int32_t CopyFile(const std::string& destination, const std::string& source)
+{
+    struct stat status {};
+    if (stat(source.c_str(), &status) != 0) {
+        log_warning("Not found: %s", source.c_str());
+        return 0;
+    }
+    const UniqueFd from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd to(
+        from.valid() ? open(destination.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, status.st_mode & ALLPERMS) : -1);
+    if (!to.valid()) {
+        log_warning("open: %s", error_text(errno).c_str());
+        return 1;
+    }
+    off_t offset = 0;
+    const ssize_t sent = sendfile(to.get(), from.get(), &offset, static_cast<size_t>(status.st_size));
+    if (sent != status.st_size)
+        log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(errno).c_str());
+    return 1;
+}
+
+} // namespace
+
+int32_t BackupQCN(const std::string& port)
+{
+    log_info("Backup QCN ...");
+    return backup_to(port, backup_path);
+}
+
+int32_t BackupGoldenQCN(const std::string& port)
+{
+    log_info("Backup Golden QCN ...");
+    undo_cut_renewal();
+    const bool renewal = exists(golden_path);
+    if (renewal && s_force_fw_update == 0) {
+        log_info("Golden QCN backup file already exists!");
+        return 0;
+    }
+    if (renewal && run_shell("mv %s %stmp", golden_path, golden_path) != 0) {
+        log_error("Failed to set the golden copy aside, it stays as it is");
+        return 1;
+    }
+
+    const int32_t result = backup_to(port, golden_path);
+    if (renewal && result != 0)
+        (void)run_shell("mv %stmp %s", golden_path, golden_path);
+    else if (renewal)
+        (void)run_shell("rm %stmp", golden_path);
+    return result;
+}
+
+int32_t RemoveNVBackup()
+{
+    return run_shell("rm %s", backup_path);
+}
+
+int32_t RestoreQCN(const std::string& port)
+{
+    log_info("Restore QCN ...");
+    return restore_from(port, backup_path);
+}
+
+int32_t RestoreGoldenQCN(const std::string& port)
+{
+    log_info("Restore Golden QCN ...");
+    undo_cut_renewal();
+    return restore_from(port, golden_path);
+}
+
+int32_t MakeGoldenCopy()
+{
+    undo_cut_renewal();
+    if (exists(golden_path))
+        return 1;
+    const int32_t result = CopyFile(golden_path, backup_path);
+    // Half a copy would stand in the way of a whole one for ever.
+    struct stat source {
+    }, copy{};
+    if (stat(golden_path, &copy) == 0 && (stat(backup_path, &source) != 0 || copy.st_size != source.st_size))
+        (void)unlink(golden_path);
+    return result;
+}
+
+int32_t write_nvitem(const NvPacket& packet)
+{
+    (void)puts("write_nvitem");
+    NvPacket request = packet;
+    put_u8(request, 0, nv_packet::write_code);
+    put_le16(request, nv_packet::status_at, 0);
+    PrintHex(request);
+    SetRspCallback(NvRestoreCallback);
+    send_nv_write(request);
+    SetRspCallback(nullptr);
+    return 0;
+}
+
+int32_t write_nvitemfile(const std::string& path, std::span<const uint8_t> data)
+{
+    seq_out = ++seq_num;
+    if (efs2_put_file(path, data.first(data.size() & 0xFFFF), item_file_flags, seq_out) < 0) {
+        log_error("Failed to put nv file: %s", path.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+int32_t write_efsfile(const std::string& path, std::span<const uint8_t> data)
+{
+    const int32_t descriptor = open_efs_file(path);
+    if (descriptor < 0) {
+        log_warning("Failed to open %s, skip it\n", path.c_str());
+        return 1;
+    }
+    const int32_t result = write_pieces(descriptor, data, path);
+    (void)efs2_close_file(descriptor);
+    return result;
+}

@@ -1,0 +1,95 @@
+#include "wan_dloader/nv_transfer.h"
+
+#include "app/applet_log.h"
+#include "app/product.h"
+#include "crashdump/efs2.h"
+#include "diag/exchange.h"
+#include "diag/packet_fields.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+namespace mode_request {
+constexpr uint8_t code = 0x29;
+constexpr size_t mode_at = 1, size = 3;
+} // namespace mode_request
+
+namespace spc_request {
+constexpr uint8_t code = 0x41;
+constexpr size_t digits_at = 1, size = 7;
+static_assert(digits_at + TESSEL_SPC.size() == size);
+} // namespace spc_request
+
+// In front of the echo of a request that is refused for want of the service programming code.
+constexpr uint8_t bad_spc_code = 0x42;
+
+constexpr size_t request_head = 3; // code and item number, by which a response is known
+
+} // namespace
+
+void request_modem_mode(ModemMode mode)
+{
+    std::array<uint8_t, mode_request::size> request{mode_request::code};
+    put_le16(request, mode_request::mode_at, static_cast<uint16_t>(mode));
+    (void)SendPktAndWait(request, mode_request::code);
+}
+
+void send_service_programming_code()
+{
+    std::array<uint8_t, spc_request::size> request{spc_request::code};
+    std::ranges::copy(TESSEL_SPC, request.begin() + spc_request::digits_at);
+    (void)SendPktAndWait(request, spc_request::code);
+}
+
+std::span<const uint8_t> nv_response(std::span<const uint8_t> packet, const NvPacket& request)
+{
+    const auto head = std::span(request).first(request_head);
+    const bool bad_spc = get_u8(packet, 0) == bad_spc_code;
+    const auto response = bad_spc ? packet.subspan(1) : packet;
+    if (response.size() < nv_packet::size)
+        return {};
+    if (bad_spc)
+        log_warning("Bad SPC for NV item %d", get_le16(response, nv_packet::item_at));
+    else if (!std::ranges::equal(response.first(request_head), head))
+        return {};
+    return response;
+}
+
+int32_t judge_nv_status(std::span<const uint8_t> response)
+{
+    constexpr uint16_t done = 0, queued = 1;
+    const uint16_t status = get_le16(response, nv_packet::status_at);
+    const int item = get_le16(response, nv_packet::item_at);
+    if (status == done)
+        return 0;
+    if (const char* text = nv_status_text(status))
+        log_warning("NV item (%d): %s", item, text);
+    else
+        log_warning("NV item (%d): Unknown status - %d", item, status);
+    return status == queued ? 1 : 0;
+}
+
+bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence, std::vector<uint8_t>& data)
+{
+    data.clear();
+    std::array<uint8_t, transfer_piece> buffer{};
+    for (uint32_t remaining = size;;) {
+        const uint16_t sent = sequence;
+        auto piece = std::span(buffer).first(std::min(remaining, transfer_piece));
+        (void)efs2_get_file(path, piece, sequence); // an empty piece is the failure
+        const bool in_order = sequence == sent;
+        ++sequence;
+        if (piece.empty() || !in_order) {
+            log_warning("Skip %s", path.c_str());
+            return false;
+        }
+        data.insert(data.end(), piece.begin(), piece.end());
+        const auto received = static_cast<uint32_t>(piece.size()); // at most what remained
+        remaining -= received;
+        if (received >= remaining)
+            return true;
+        remaining -= received;
+    }
+}
