@@ -26,6 +26,13 @@ Bytes with_code(uint8_t code, View rest)
     return packet;
 }
 
+std::optional<std::string> terminated(View text)
+{
+    if (text.empty() || std::ranges::find(text, 0) != text.end() - 1)
+        return std::nullopt;
+    return text_of(text.first(text.size() - 1));
+}
+
 std::optional<uint32_t> parse_number(std::string_view text, uint32_t most, bool sizes)
 {
     uint64_t unit = 1;

@@ -30,6 +30,10 @@ inline uint16_t get_le16(View packet, size_t at)
 {
     return static_cast<uint16_t>(packet[at] | packet[at + 1] << 8);
 }
+inline uint32_t get_le32(View packet, size_t at)
+{
+    return static_cast<uint32_t>(get_le16(packet, at + 2)) << 16 | get_le16(packet, at);
+}
 inline uint16_t get_be16(View packet, size_t at)
 {
     return static_cast<uint16_t>(packet[at] << 8 | packet[at + 1]);
@@ -59,6 +63,21 @@ inline void add_le16(Bytes& packet, uint32_t value)
 {
     add(packet, Bytes{byte_of(value, 0), byte_of(value, 8)});
 }
+inline void add_le32(Bytes& packet, uint32_t value)
+{
+    add_le16(packet, value & 0xFFFF);
+    add_le16(packet, value >> 16);
+}
+inline void put_le16(Bytes& packet, size_t at, uint32_t value)
+{
+    packet[at] = byte_of(value, 0);
+    packet[at + 1] = byte_of(value, 8);
+}
+inline void put_le32(Bytes& packet, size_t at, uint32_t value)
+{
+    put_le16(packet, at, value);
+    put_le16(packet, at + 2, value >> 16);
+}
 inline void add_be32(Bytes& packet, uint32_t value)
 {
     add(packet, Bytes{byte_of(value, 24), byte_of(value, 16), byte_of(value, 8), byte_of(value, 0)});
@@ -69,6 +88,9 @@ inline bool starts_with(View packet, View prefix)
 {
     return packet.size() >= prefix.size() && std::ranges::equal(packet.first(prefix.size()), prefix);
 }
+
+// What stands before the zero byte that must end a text, and only end it.
+[[nodiscard]] std::optional<std::string> terminated(View text);
 
 // "12", "0x1F"; with `sizes` also "64K" and "2M". Nothing for any other text or a value above `most`.
 [[nodiscard]] std::optional<uint32_t> parse_number(std::string_view text, uint32_t most = UINT32_MAX,

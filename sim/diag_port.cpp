@@ -1,4 +1,4 @@
-#include "protocol.h"
+#include "efs2.h"
 
 namespace sim {
 
@@ -10,8 +10,12 @@ constexpr uint8_t read_code = 0x26, write_code = 0x27;
 constexpr size_t item_at = 1, value_at = 3, status_at = value_at + NvStore::value_size, size = status_at + 2;
 } // namespace nv_packet
 
-// An error answer is one of these codes and then the request.
-constexpr uint8_t unknown_command = 0x13, bad_parameter = 0x14, bad_length = 0x15;
+// Service programming code: 41 and six digits. Answer: 41 and whether it is the right one. A request that would have
+// needed it comes back behind 42.
+namespace spc_packet {
+constexpr uint8_t code = 0x41, needed_code = 0x42;
+constexpr size_t digits_at = 1, size = 7;
+} // namespace spc_packet
 
 constexpr uint8_t sku_request[] = {0x4B, 0x00, 0x44, 0x00}; // the answer has the SKU behind it
 constexpr uint8_t version_code = 0x00;
@@ -43,8 +47,10 @@ bool is_nv_code(uint8_t code)
 
 class Diag : public Protocol {
 public:
-    Diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku, const Journal& journal)
-        : nv_(nv), service_(std::move(service)), sku_(sku), journal_(journal)
+    Diag(const NvStore& nv, std::unique_ptr<Protocol> service, std::unique_ptr<Protocol> files, uint32_t sku,
+         std::string spc, const Journal& journal)
+        : nv_(nv), service_(std::move(service)), files_(std::move(files)), sku_(sku), spc_(std::move(spc)),
+          journal_(journal)
     {
     }
 
@@ -53,31 +59,39 @@ public:
         const uint8_t code = request.front();
         if (is_nv_code(code))
             return nv_item(request);
-        if (starts_with(request, service_header))
-            return service_->answer(request);
+        if (Protocol* part = part_for(request))
+            return part->answer(request);
+        if (code == spc_packet::code)
+            return programming_code(request);
         if (code == version_code && request.size() == 1)
             return {.packet = with_code(version_code, bytes_of("Jan 01 202412:00:00Jan 01 202412:00:00VIRTUAL "))};
         if (std::ranges::equal(request, sku_request)) {
             Bytes packet = copy_of(request);
-            add_le16(packet, sku_ & 0xFFFF);
-            add_le16(packet, sku_ >> 16);
+            add_le32(packet, sku_);
             return {.packet = packet};
         }
         return order(request);
     }
 
-    Bytes refusal(View request, uint8_t code) const override
+    Bytes refusal(View request, uint32_t code) const override
     {
-        if (starts_with(request, service_header))
-            return service_->refusal(request, code);
+        if (const Protocol* part = part_for(request))
+            return part->refusal(request, code);
         if (request.size() != nv_packet::size || !is_nv_code(request.front()))
-            return with_code(code, request);
+            return with_code(byte_of(code, 0), request);
         Bytes packet = copy_of(request.first(nv_packet::status_at));
         add_le16(packet, code);
         return packet;
     }
 
 private:
+    Protocol* part_for(View request) const
+    {
+        if (starts_with(request, service_header))
+            return service_.get();
+        return starts_with(request, efs2_header) ? files_.get() : nullptr;
+    }
+
     Reply error(View request, uint8_t code, const std::string& complaint) const
     {
         journal_.complain(complaint);
@@ -102,6 +116,20 @@ private:
         return error(request, unknown_command, "unknown DIAG command");
     }
 
+    Reply programming_code(View request)
+    {
+        const View digits = request.subspan(spc_packet::digits_at);
+        if (request.size() != spc_packet::size)
+            return error(request, bad_length, "service programming code of a wrong length");
+        if (!std::ranges::all_of(digits, [](uint8_t digit) { return digit >= '0' && digit <= '9'; }))
+            return error(request, bad_parameter, "service programming code that is not of digits");
+        const bool right = text_of(digits) == spc_;
+        unlocked_ = unlocked_ || right;
+        if (!right)
+            journal_.complain("wrong service programming code");
+        return {.packet = {spc_packet::code, static_cast<uint8_t>(right)}};
+    }
+
     Reply nv_item(View request) const
     {
         using namespace nv_packet;
@@ -114,8 +142,10 @@ private:
         if (get_le16(request, status_at) != 0 || (!writes && !clean))
             return error(request, bad_parameter, "NV request with padding that is not zero");
 
-        Bytes value = copy_of(given);
         const uint16_t item = get_le16(request, item_at);
+        if (writes && !unlocked_ && nv_.is_protected(item))
+            return {.packet = with_code(spc_packet::needed_code, request)};
+        Bytes value = copy_of(given);
         const uint16_t status = writes ? nv_.write(item, value) : nv_.read(item, value);
         Bytes packet = copy_of(request.first(value_at));
         add(packet, value);
@@ -125,16 +155,20 @@ private:
 
     const NvStore& nv_;
     std::unique_ptr<Protocol> service_;
+    std::unique_ptr<Protocol> files_;
     uint32_t sku_;
+    std::string spc_;
     const Journal& journal_;
+    bool unlocked_ = false; // until the modem resets
 };
 
 } // namespace
 
-std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku,
+std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service,
+                                    std::unique_ptr<Protocol> files, uint32_t sku, std::string spc,
                                     const Journal& journal)
 {
-    return std::make_unique<Diag>(nv, std::move(service), sku, journal);
+    return std::make_unique<Diag>(nv, std::move(service), std::move(files), sku, std::move(spc), journal);
 }
 
 } // namespace sim

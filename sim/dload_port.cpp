@@ -58,7 +58,7 @@ public:
         return {.packet = nak_packet(state == FrameState::aborted ? nak_cut_short : nak_bad_fcs)};
     }
 
-    Bytes refusal(View, uint8_t code) const override { return nak_packet(code); }
+    Bytes refusal(View, uint32_t code) const override { return nak_packet(byte_of(code, 0)); }
 
 private:
     Reply nak(uint8_t reason, const std::string& complaint) const

@@ -21,10 +21,11 @@ constexpr FaultRow rows[] = {
     {"badfcs", Argument::none, 0, "", "the frame's check sequence is wrong"},
     {"nak", Argument::optional, 6, "[:REASON]", "03 00 REASON instead (6)"},
     {"refuse", Argument::number, 0, ":CODE",
-     "a refusal instead: modem service error CODE, NV status CODE, DIAG error answer CODE, or NAK CODE"},
+     "a refusal instead: modem service error, EFS2 error number, NV status, DIAG error answer, or NAK of number CODE"},
     {"error", Argument::optional, 0x13, "[:CODE]", "CODE and the request instead (0x13)"},
     {"short", Argument::number, 0, ":BYTES", "the reply is cut to BYTES bytes, with a good FCS"},
     {"oversize", Argument::none, 0, "", "the length that the reply announces is all ones"},
+    {"sequence", Argument::none, 0, "", "the sequence number of the reply to a get or put is one too high"},
     {"empty", Argument::none, 0, "", "two flags come first"},
     {"noise", Argument::none, 0, "", "one packet of every code that a host ignores comes first"},
     {"stray", Argument::none, 0, "", "a packet that no host knows comes first"},
@@ -115,12 +116,15 @@ void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
     if (due("oversize") != nullptr && reply.length_at + reply.length_size <= reply.packet.size())
         std::fill_n(reply.packet.begin() + static_cast<ptrdiff_t>(reply.length_at), reply.length_size, uint8_t{0xFF});
 
+    if (due("sequence") != nullptr && reply.sequence_at != 0)
+        put_le16(reply.packet, reply.sequence_at, get_le16(reply.packet, reply.sequence_at) + 1U);
+
     // A refusal travels in a frame, also where the data would not.
     const auto replace = [&](Bytes packet) { reply = {.packet = std::move(packet)}; };
     if (const Fault* fault = due("nak"))
         replace(nak_packet(byte_of(fault->number, 0)));
     if (const Fault* fault = due("refuse"))
-        replace(protocol.refusal(request, byte_of(fault->number, 0)));
+        replace(protocol.refusal(request, fault->number));
     if (const Fault* fault = due("error"))
         replace(with_code(byte_of(fault->number, 0), request));
     if (const Fault* fault = due("short"))

@@ -1,4 +1,5 @@
 // virtual_tablet: makes a tablet with a virtual modem and runs commands in it. See help() in options.cpp.
+#include "efs2_store.h"
 #include "options.h"
 #include "tablet.h"
 
@@ -30,6 +31,8 @@ void prepare(const Options& options, const fs::path& root)
         throw UsageError("cannot read " + options.nv->string());
     if (options.nv || fs::is_empty(root / "modem/nv"))
         store.load(*items, options.nv.value_or("default"));
+    if (options.efs || fs::is_empty(root / "modem/efs"))
+        EfsStore(root / "modem/efs").load(options.efs);
 }
 
 int run_command(const Options& options)

@@ -1,5 +1,7 @@
 #include "modem.h"
 
+#include "efs2.h"
+
 namespace sim {
 
 namespace {
@@ -34,7 +36,8 @@ void Modem::enter(Mode mode)
         protocol_ = make_dload(memory_, settings_.dload_version, settings_.region_table, journal_);
         lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
     } else if (mode == Mode::normal) {
-        protocol_ = make_diag(nv_, make_service(home_, settings_.apps_version, journal_), settings_.sku, journal_);
+        protocol_ = make_diag(nv_, make_service(home_, settings_.apps_version, journal_),
+                              make_efs2(EfsStore(home_ / "efs"), journal_), settings_.sku, settings_.spc, journal_);
         lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
         for (const std::string name : {"ttyUSB1", "ttyUSB2"})
             lines_.push_back({Port(nodes_ / name), {}, AtPort(name, settings_.revision, faults_, journal_)});

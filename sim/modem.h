@@ -17,6 +17,7 @@ struct ModemSettings {
     std::optional<Bytes> region_table;
     uint32_t seed = 1;
     uint32_t sku = 0;
+    std::string spc;
     std::string revision;
     std::string apps_version;
     std::vector<Fault> faults;

@@ -23,14 +23,6 @@ uint8_t phase_of(View request)
     return request.size() > phase_at ? request[phase_at] : uint8_t{no_phase};
 }
 
-// What stands before the zero byte that must end a text.
-std::optional<std::string> terminated(View text)
-{
-    if (text.empty() || std::ranges::find(text, 0) != text.end() - 1)
-        return std::nullopt;
-    return text_of(text.first(text.size() - 1));
-}
-
 Bytes answer_header(View request)
 {
     Bytes packet = copy_of(request.first(std::min(request.size(), answer_header_size)));
@@ -85,10 +77,10 @@ public:
         }
     }
 
-    Bytes refusal(View request, uint8_t code) const override
+    Bytes refusal(View request, uint32_t code) const override
     {
         Bytes packet = answer_header(request);
-        packet.insert(packet.end(), {no, code});
+        packet.insert(packet.end(), {no, byte_of(code, 0)});
         return packet;
     }
 

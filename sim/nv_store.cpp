@@ -11,6 +11,7 @@ const std::string_view default_nv_items = R"(0: 07
 20/0: 00 40
 20/1: 00 41
 71: 56 69 72 74 75 61 6C
+85: spc 30 30 30 30 30 30
 178: 01 55 AA
 303/*:
 441: FF FF
@@ -52,6 +53,11 @@ bool NvStore::parse_line(std::string_view line, std::map<uint16_t, Item>& items)
 
     Value value;
     std::string_view rest = trimmed(line.substr(colon + 1));
+    constexpr std::string_view protection = "spc";
+    const std::string_view first = rest.substr(0, rest.find(' '));
+    value.is_protected = first == protection;
+    if (value.is_protected)
+        rest = trimmed(rest.substr(protection.size()));
     for (const std::string_view word : {"status ", "write-status "}) {
         if (!rest.starts_with(word))
             continue;
@@ -66,7 +72,8 @@ bool NvStore::parse_line(std::string_view line, std::map<uint16_t, Item>& items)
         break;
     }
     const auto bytes = parse_hex(rest);
-    if (!bytes || bytes->size() > value_size - (indexed ? 1 : 0) || (declared_only && !bytes->empty()))
+    if (!bytes || bytes->size() > value_size - (indexed ? 1 : 0) ||
+        (declared_only && (!bytes->empty() || value.is_protected)))
         return false;
     value.bytes = *bytes;
 
@@ -104,6 +111,12 @@ uint16_t NvStore::write(uint16_t number, View value) const
     return nv_done;
 }
 
+bool NvStore::is_protected(uint16_t number) const
+{
+    const auto item = find(number);
+    return item && std::ranges::any_of(item->values, [](const auto& row) { return row.second.is_protected; });
+}
+
 fs::path NvStore::path_of(uint16_t item) const
 {
     const std::string digits = std::to_string(item);
@@ -136,7 +149,7 @@ void NvStore::save(uint16_t number, const Item& item) const
         text += name;
         if (item.indexed)
             text.append("/").append(std::to_string(index));
-        text += ": ";
+        text += value.is_protected ? ": spc " : ": ";
         if (value.write_status != nv_done)
             text.append(value.read_status != nv_done ? "status " : "write-status ")
                 .append(std::to_string(value.write_status) + " ");

@@ -5,6 +5,7 @@
 //   57/*:                     item 57 is indexed; says so where it has no value yet
 //   4398: status 7 01 02      reads and writes are refused with status 7
 //   447: write-status 7 01    reads succeed, writes are refused
+//   85: spc 30 30             writes need the service programming code; also before a status
 // A blank line or one that begins with # says nothing. Bytes that are not given are zero.
 #pragma once
 
@@ -30,11 +31,14 @@ public:
     // `value` is the packet's data field: index in its first byte for an indexed item. Both return an NV status.
     [[nodiscard]] uint16_t read(uint16_t number, Bytes& value) const;
     [[nodiscard]] uint16_t write(uint16_t number, View value) const;
+    // An item, all of its indices, is as protected as any of its values.
+    [[nodiscard]] bool is_protected(uint16_t number) const;
 
 private:
     struct Value {
         uint16_t read_status = nv_done;
         uint16_t write_status = nv_done;
+        bool is_protected = false;
         Bytes bytes;
     };
     struct Item {

@@ -95,6 +95,14 @@ constexpr OptionRow rows[] = {
      [](Options& options, std::string_view text) { options.modem.apps_version = text; }},
     {"--nv", "FILE", "NV items to begin with, one a line, such as \"550: 08 1A\" or \"20/1: 00 05\"",
      [](Options& options, std::string_view text) { options.nv = text; }},
+    {"--efs", "DIR", "the tree of files that the modem's file system is a copy of to begin with",
+     [](Options& options, std::string_view text) { options.efs = text; }},
+    {"--spc", "DIGITS", "the service programming code, six digits (000000)",
+     [](Options& options, std::string_view text) {
+         if (text.size() != 6 || text.find_first_not_of("0123456789") != std::string_view::npos)
+             throw UsageError("not six digits: " + std::string(text));
+         options.modem.spc = text;
+     }},
     {"--reenumerate", "MS", "how long the nodes are away in a reset (300)",
      [](Options& options, std::string_view text) {
          options.modem.reenumerate = std::chrono::milliseconds(number(text));
@@ -115,6 +123,7 @@ Options parse_options(std::vector<std::string_view> arguments)
     options.modem.regions = regions(default_regions);
     options.modem.revision = "VM1.0.0";
     options.modem.apps_version = "VA1.0.0";
+    options.modem.spc = "000000";
 
     const auto front = [&] { return arguments.empty() ? std::string_view() : arguments.front(); };
     const auto shift = [&] { arguments.erase(arguments.begin()); };

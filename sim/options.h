@@ -16,6 +16,7 @@ struct Options {
     std::optional<fs::path> root;
     std::optional<fs::path> tessel;
     std::optional<fs::path> nv;
+    std::optional<fs::path> efs;
     ModemSettings modem;
     std::vector<std::string> command;
 };

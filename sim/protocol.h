@@ -18,6 +18,7 @@ struct Reply {
     bool framed = true;
     size_t length_at = 0;   // where the packet announces the length of its data
     size_t length_size = 0; // 0: it announces none
+    size_t sequence_at = 0; // where it carries a sequence number (2, little-endian); 0: it carries none
 };
 
 class Protocol {
@@ -33,13 +34,18 @@ public:
     [[nodiscard]] virtual Reply answer(View request) = 0;
     [[nodiscard]] virtual Reply answer_to_damaged_frame(FrameState) { return {}; }
     // How this protocol says no to `request` with an error code of the given number.
-    [[nodiscard]] virtual Bytes refusal(View request, uint8_t code) const = 0;
+    [[nodiscard]] virtual Bytes refusal(View request, uint32_t code) const = 0;
 };
 
 // DIAG, what a running modem speaks on its first port: NV items, changes of mode, test commands. Requests of the
-// command service (they begin with `service_header`) go to `service`.
-[[nodiscard]] std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service, uint32_t sku,
+// command service (they begin with `service_header`) go to `service`, those of the file system (`efs2_header`) to
+// `files`. `spc`, six digits, opens the protected NV items to writes.
+[[nodiscard]] std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service,
+                                                  std::unique_ptr<Protocol> files, uint32_t sku, std::string spc,
                                                   const Journal& journal);
+
+// A DIAG error answer is one of these codes and then the request.
+constexpr uint8_t unknown_command = 0x13, bad_parameter = 0x14, bad_length = 0x15;
 
 // The command service of the modem's own software: kernel log, command lines, files to and from `home`/files, version
 // of the applications.

@@ -23,6 +23,7 @@ constexpr const char* directories[] = {
     "system/bin",
     "modem/memory",
     "modem/nv",
+    "modem/efs",
     "modem/files/data",
     "modem/files/etc",
     "modem/files/tmp",

@@ -1,6 +1,6 @@
 // The tablet: a directory that becomes the root of a sandbox.
 //   dev/ proc/ sys/ data/ sdcard/ system/bin/   what a program in the tablet sees
-//   modem/nv/ files/ memory/ kernel.log ...     the insides of the modem, outside the sandbox
+//   modem/nv/ efs/ files/ memory/ kernel.log ...     the insides of the modem, outside the sandbox
 #pragma once
 
 #include "os.h"
