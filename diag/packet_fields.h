@@ -44,6 +44,12 @@ inline void put_le16(std::span<uint8_t> packet, size_t offset, uint16_t value)
     put_u8(packet, offset + 1, static_cast<uint8_t>(value >> 8));
 }
 
+inline void put_le32(std::span<uint8_t> packet, size_t offset, uint32_t value)
+{
+    put_le16(packet, offset, static_cast<uint16_t>(value & 0xFFFF));
+    put_le16(packet, offset + 2, static_cast<uint16_t>(value >> 16));
+}
+
 inline void put_be16(std::span<uint8_t> packet, size_t offset, uint16_t value)
 {
     put_u8(packet, offset, static_cast<uint8_t>(value >> 8));
