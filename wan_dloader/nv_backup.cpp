@@ -107,12 +107,13 @@ bool can_write()
 // A record of a file of the modem, as it stands in the backup file.
 std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::span<const uint8_t> contents)
 {
-    std::vector<uint8_t> record(2);
-    put_le16(record, 0, static_cast<uint16_t>(path.size() + 1));
-    record.insert(record.end(), path.begin(), path.end());
-    record.insert(record.end(), {0, 0, 0});
-    put_le16(record, record.size() - 2, static_cast<uint16_t>(size & 0xFFFF));
-    record.insert(record.end(), contents.begin(), contents.end());
+    const size_t path_size = path.size() + 1; // with its zero
+    const size_t length_at = 2 + path_size, contents_at = length_at + 2;
+    std::vector<uint8_t> record(contents_at + contents.size());
+    put_le16(record, 0, static_cast<uint16_t>(path_size));
+    std::ranges::copy(path, record.begin() + 2);
+    put_le16(record, length_at, static_cast<uint16_t>(size & 0xFFFF));
+    std::ranges::copy(contents, record.begin() + static_cast<std::ptrdiff_t>(contents_at));
     if (contents.size() != (size & 0xFFFF))
         log_warning("%s: saved %zu of %u bytes, cannot be restored from this backup", path.c_str(), contents.size(),
                     static_cast<unsigned>(size));
