@@ -21,8 +21,8 @@
 // Removes /data/nvbackup.bin. The shell's raw status.
 int32_t RemoveNVBackup();
 
-// Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or 1
-// with an ERROR when the port does not appear within 30 s. Failures of single steps are ERRORs and no failure of the
+// Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or
+// 1 with an ERROR when the port does not appear within 30 s. Failures of single steps are ERRORs and no failure of the
 // whole.
 [[nodiscard]] int32_t RestoreQCN(const std::string& port);
 [[nodiscard]] int32_t RestoreGoldenQCN(const std::string& port);
