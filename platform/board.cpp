@@ -209,7 +209,7 @@ int32_t get_board_id(std::span<char> buf)
     if (type >= 0 && static_cast<size_t>(type) < std::size(s_device_types))
         log_info("Device type: %s", s_device_types[type]);
     else
-        log_warning("Unknown device: %.*s", static_cast<int>(strnlen(buf.data(), buf.size())), buf.data());
+        log_warning("Unknown device: %s", std::string(buf.data(), strnlen(buf.data(), buf.size())).c_str());
     return type;
 }
 
