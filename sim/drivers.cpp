@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fuse_lowlevel.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace sim {
 
@@ -16,21 +18,21 @@ enum class Kind { directory, power, link, device, other };
 struct Row {
     fuse_ino_t parent;
     std::string_view name;
-    Kind kind;
     const char* path; // in the tablet
+    Kind kind;
     mode_t mode;
 };
 
 constexpr fuse_ino_t root = FUSE_ROOT_ID, wan = 2, controller = 3;
 constexpr Row rows[] = {
-    {0, "", Kind::directory, "", S_IFDIR | 0755},
-    {root, "wan", Kind::directory, "", S_IFDIR | 0755},
-    {root, "msm-dwc3", Kind::directory, "", S_IFDIR | 0755},
-    {root, "bwan", Kind::device, "/dev/bwan", S_IFREG | 0660},
-    {wan, "power", Kind::power, "/sys/wan/power", S_IFREG | 0644},
-    {wan, "usben", Kind::link, "/sys/wan/usben", S_IFREG | 0644},
-    {controller, "bind", Kind::other, "/sys/bus/platform/drivers/msm-dwc3/bind", S_IFREG | 0200},
-    {controller, "unbind", Kind::other, "/sys/bus/platform/drivers/msm-dwc3/unbind", S_IFREG | 0200},
+    {0, "", "", Kind::directory, S_IFDIR | 0755},
+    {root, "wan", "", Kind::directory, S_IFDIR | 0755},
+    {root, "msm-dwc3", "", Kind::directory, S_IFDIR | 0755},
+    {root, "bwan", "/dev/bwan", Kind::device, S_IFREG | 0660},
+    {wan, "power", "/sys/wan/power", Kind::power, S_IFREG | 0644},
+    {wan, "usben", "/sys/wan/usben", Kind::link, S_IFREG | 0644},
+    {controller, "bind", "/sys/bus/platform/drivers/msm-dwc3/bind", Kind::other, S_IFREG | 0200},
+    {controller, "unbind", "/sys/bus/platform/drivers/msm-dwc3/unbind", Kind::other, S_IFREG | 0200},
 };
 static_assert(rows[wan - 1].name == "wan" && rows[controller - 1].name == "msm-dwc3");
 
@@ -41,6 +43,8 @@ std::string obstacle(std::string_view said)
 {
     if (access("/dev/fuse", F_OK) != 0)
         return "there is no /dev/fuse: modprobe fuse, or start the container with --device /dev/fuse";
+    if (access("/dev/fuse", R_OK | W_OK) != 0)
+        return "/dev/fuse is not open to this user: run as root, or chmod a+rw /dev/fuse";
     constexpr const char* helper = "/usr/bin/fusermount3";
     if (access(helper, X_OK) != 0)
         return "fusermount3 is missing: install the package fuse3";
@@ -48,7 +52,50 @@ std::string obstacle(std::string_view said)
            "): run as root, or outside of this container";
 }
 
+// Whether nobody serves this mount any more.
+bool is_dead(const fs::path& mount)
+{
+    struct stat about {};
+    return stat(mount.c_str(), &about) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
+}
+
+void take_away(const fs::path& mount)
+{
+    if (umount2(mount.c_str(), MNT_DETACH) != 0)
+        (void)run_quietly({"fusermount3", "-u", "-z", mount});
+}
+
 } // namespace
+
+MountGuard::MountGuard(const fs::path& mount)
+{
+    std::array<int, 2> ends{};
+    must(pipe2(ends.data(), O_CLOEXEC), "pipe");
+    const Fd reader(ends[0]);
+    line_ = Fd(ends[1]);
+    process_ = must(fork(), "fork");
+    if (process_ != 0)
+        return;
+
+    // It keeps nothing else of what this process has open, so that others see that one end.
+    (void)setsid();
+    (void)dup2(reader.get(), STDIN_FILENO);
+    const int nothing = open("/dev/null", O_RDWR);
+    (void)dup2(nothing, STDOUT_FILENO);
+    (void)dup2(nothing, STDERR_FILENO);
+    (void)close_range(STDERR_FILENO + 1, ~0U, 0);
+    char done = 0;
+    if (read(STDIN_FILENO, &done, 1) != 1 && is_dead(mount))
+        take_away(mount);
+    _exit(0);
+}
+
+MountGuard::~MountGuard()
+{
+    (void)!::write(line_.get(), "", 1); // nothing left to do for it
+    line_.close();
+    (void)waitpid(process_, nullptr, 0);
+}
 
 // What the kernel asks for. A handler returns an errno value, or 0 when it has replied.
 struct Drivers::Calls {
@@ -197,7 +244,7 @@ struct Drivers::Calls {
 };
 
 Drivers::Drivers(const fs::path& mount, Bwan bwan, const Modules& modules, Modem& modem, const Journal& journal)
-    : bwan_(bwan), modules_(modules), modem_(modem), journal_(journal)
+    : bwan_(bwan), modules_(modules), modem_(modem), journal_(journal), guard_(mount)
 {
     for (const Row& row : rows)
         files_.push_back({row.mode, getuid(), getgid(), modem.is_powered() ? "1" : "0"});
@@ -214,12 +261,11 @@ Drivers::Drivers(const fs::path& mount, Bwan bwan, const Modules& modules, Modem
     calls.readdir = Calls::readdir;
 
     // Only root may let other users in.
-    std::array<std::string, 3> words = {"virtual_tablet", "-o", "auto_unmount,fsname=virtual_tablet"};
+    std::vector<std::string> words = {"virtual_tablet", "-o", "fsname=virtual_tablet"};
     if (geteuid() == 0)
         words.back() += ",allow_other";
-    std::array<char*, words.size()> arguments{};
-    std::ranges::transform(words, arguments.begin(), [](std::string& word) { return word.data(); });
-    fuse_args options{static_cast<int>(arguments.size()), arguments.data(), 0};
+    std::vector<char*> arguments = argument_vector(words);
+    fuse_args options{static_cast<int>(words.size()), arguments.data(), 0};
 
     ErrorCapture errors;
     session_ = fuse_session_new(&options, &calls, sizeof calls, this);
@@ -265,17 +311,12 @@ void Drivers::serve()
 
 void Drivers::release(const fs::path& mount)
 {
-    // The helper of the process that was killed is about to unmount it; a second one must not meet it at that.
-    const auto is_dead = [&] {
-        struct stat about {};
-        return stat(mount.c_str(), &about) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
-    };
-    constexpr int tries = 100;
-    constexpr int milliseconds = 10;
-    for (int i = 0; is_dead() && i < tries; ++i)
+    // The guard of the process that was killed is about to unmount it; nobody else must meet it at that.
+    constexpr int tries = 100, milliseconds = 10;
+    for (int i = 0; is_dead(mount) && i < tries; ++i)
         (void)poll(nullptr, 0, milliseconds);
-    if (is_dead())
-        (void)run_quietly({"fusermount3", "-u", "-z", mount});
+    if (is_dead(mount))
+        take_away(mount);
 }
 
 bool Drivers::present(size_t file) const

@@ -63,12 +63,16 @@ void ErrorCapture::restore()
     terminal_.close();
 }
 
+std::vector<char*> argument_vector(std::vector<std::string>& words)
+{
+    std::vector<char*> arguments(words.size() + 1, nullptr);
+    std::ranges::transform(words, arguments.begin(), [](std::string& word) { return word.data(); });
+    return arguments;
+}
+
 int run_quietly(std::vector<std::string> words)
 {
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argument_vector(words);
     posix_spawn_file_actions_t actions;
     must(posix_spawn_file_actions_init(&actions) == 0 ? 0 : -1, "spawn");
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})

@@ -70,6 +70,8 @@ private:
     Fd reader_;
 };
 
+// The words as a program's argument vector; valid as long as they are.
+[[nodiscard]] std::vector<char*> argument_vector(std::vector<std::string>& words);
 // Runs a program with nothing to read or to tell, to its end; its exit status, or -1.
 int run_quietly(std::vector<std::string> words);
 

@@ -197,10 +197,7 @@ void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi
 void enter_tablet(const fs::path& root, const Words& command)
 {
     Words words = sandbox_words(root, command);
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argument_vector(words);
     (void)execvp(arguments.front(), arguments.data());
     throw std::runtime_error(errno == ENOENT ? not_installed : "bwrap: " + std::generic_category().message(errno));
 }

@@ -64,10 +64,7 @@ bool below_sys(std::string_view path)
 
 uint8_t run_real_tool(std::vector<std::string>& words)
 {
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argument_vector(words);
     constexpr uint8_t not_found = 127, killed = 1;
     pid_t child = -1;
     const std::string program = "/usr/bin/" + words.front();
@@ -190,8 +187,9 @@ void Tools::answer(Call& call)
         return end(call, call.waiting, {message[0], {}});
 
     Words words;
-    const std::string text = text_of(View(message).first(std::min(message.size(), static_cast<size_t>(count))));
-    for (const std::string_view word : split(std::string_view(text).substr(1), '\0'))
+    const std::string text =
+        text_of(View(message).first(std::min(message.size(), static_cast<size_t>(count))).subspan(1));
+    for (const std::string_view word : split(text, '\0'))
         words.emplace_back(word);
     words.pop_back(); // behind the last zero
     const auto* const row = words.empty() ? std::end(rows) : std::ranges::find(rows, words.front(), &Row::name);
