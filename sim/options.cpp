@@ -214,12 +214,15 @@ Options parse_options(std::vector<std::string_view> arguments)
         if (row == std::end(rows))
             throw UsageError("unknown option " + std::string(given));
         shift();
-        if (name.size() < given.size() && *row->argument != '\0') {
-            row->apply(options, given.substr(name.size() + 1));
+        const bool has_value = name.size() < given.size();
+        if (*row->argument == '\0') {
+            if (has_value)
+                throw UsageError(std::string(name) + " takes no value");
+            row->apply(options, {});
             continue;
         }
-        if (*row->argument == '\0') {
-            row->apply(options, {});
+        if (has_value) {
+            row->apply(options, given.substr(name.size() + 1));
             continue;
         }
         if (arguments.empty())

@@ -194,7 +194,7 @@ void Tools::answer(Call& call)
     words.pop_back(); // behind the last zero
     const auto* const row = words.empty() ? std::end(rows) : std::ranges::find(rows, words.front(), &Row::name);
     if (static_cast<size_t>(count) > message.size() || row == std::end(rows))
-        return end(call, {"a tool"}, {1, "what a tablet cannot understand\n"});
+        return end(call, {"a tool"}, {1, "virtual_tablet: this is not how a tool calls\n"});
 
     const auto asked_for = [&](const ToolFailure& failure) {
         return failure.tool == words.front() &&
