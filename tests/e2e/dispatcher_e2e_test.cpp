@@ -56,12 +56,9 @@ TEST_F(OnTablet, DispatcherFindsAppletsByTheLastPathComponent)
 TEST_F(OnTablet, AppletsThatTheBuildLacksSayso)
 {
     modem("absent");
-    for (const std::string name : {"mdmctrl", "wan_dloader", "loadm", "unloadm", "launchwan", "shell", "cond_start_ril",
-                                   "start_modem", "stop_modem"}) {
-        const auto r = run("tessel " + name);
-        EXPECT_EQ(r.status, 1) << name;
-        EXPECT_THAT(r.errors(), ElementsAre("Applet [" + name + "] is not part of this build"));
-    }
+    const auto r = run("tessel wan_dloader");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.errors(), ElementsAre("Applet [wan_dloader] is not part of this build"));
 }
 
 } // namespace
