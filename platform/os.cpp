@@ -29,6 +29,18 @@ UniqueFile open_file(const std::string& path, const char* mode)
     return UniqueFile(fopen(path.c_str(), (std::string(mode) + "e").c_str()));
 }
 
+bool read_line(FILE* file, std::string& line, size_t limit)
+{
+    line.clear();
+    int c = fgetc(file);
+    if (c == EOF)
+        return false;
+    for (; c != EOF && c != '\n'; c = fgetc(file))
+        if (line.size() < limit)
+            line += static_cast<char>(c);
+    return true;
+}
+
 std::string format_text(const char* format, va_list arguments)
 {
     va_list first_pass;

@@ -38,6 +38,10 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // Opens `path` as fopen() does, not inherited by commands that the shell runs. Empty on failure, errno set.
 [[nodiscard]] UniqueFile open_file(const std::string& path, const char* mode);
 
+// Reads the next line of `file` into `line`, without its line feed. Of a longer line than `limit` characters the rest
+// is skipped. False at the end of the file.
+[[nodiscard]] bool read_line(FILE* file, std::string& line, size_t limit);
+
 // printf into a text of whatever length it needs.
 [[nodiscard]] std::string format_text(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 

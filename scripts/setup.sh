@@ -1,7 +1,7 @@
 # Sourced by ./demo and ./check: what they need from the system, installed where that is possible.
 # shellcheck shell=bash
 
-build_packages=(g++ cmake ninja-build libgtest-dev libgmock-dev bubblewrap)
+build_packages=(g++ cmake ninja-build libgtest-dev libgmock-dev bubblewrap pkg-config fuse3 libfuse3-dev)
 # shellcheck disable=SC2034 # for ./check
 check_packages=("${build_packages[@]}" git clang-format clang-tidy mandoc shellcheck)
 

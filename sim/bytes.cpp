@@ -73,6 +73,37 @@ std::string hex(View bytes)
     return text;
 }
 
+std::string printable(std::string_view text)
+{
+    std::string shown;
+    for (const uint8_t byte : bytes_of(text))
+        shown += byte >= ' ' && byte <= '~' ? std::string(1, static_cast<char>(byte)) : "\\x" + hex(View(&byte, 1));
+    return shown;
+}
+
+std::optional<std::string> unescaped(std::string_view text)
+{
+    std::string plain;
+    while (!text.empty()) {
+        size_t used = 1;
+        if (text.front() != '\\') {
+            plain += text.front();
+        } else if (text.starts_with("\\n")) {
+            plain += '\n';
+            used = 2;
+        } else {
+            constexpr size_t escape = 4; // \xNN
+            const auto value = convert<uint8_t>(text.substr(std::min(text.size(), size_t{2}), 2), 16);
+            if (!text.starts_with("\\x") || text.size() < escape || !value)
+                return std::nullopt;
+            plain += static_cast<char>(*value);
+            used = escape;
+        }
+        text.remove_prefix(used);
+    }
+    return plain;
+}
+
 std::vector<std::string_view> split(std::string_view text, char separator)
 {
     std::vector<std::string_view> parts;

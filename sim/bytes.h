@@ -99,6 +99,10 @@ inline bool starts_with(View packet, View prefix)
 [[nodiscard]] std::optional<Bytes> parse_hex(std::string_view text);
 // "0A 7E ...".
 [[nodiscard]] std::string hex(View bytes);
+// One line that shows any text: what is not printable as \xNN.
+[[nodiscard]] std::string printable(std::string_view text);
+// The other way round, and \n. Nothing for a backslash with anything else behind it.
+[[nodiscard]] std::optional<std::string> unescaped(std::string_view text);
 [[nodiscard]] std::vector<std::string_view> split(std::string_view text, char separator);
 [[nodiscard]] std::string_view trimmed(std::string_view text);
 

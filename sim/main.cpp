@@ -1,12 +1,11 @@
 // virtual_tablet: makes a tablet with a virtual modem and runs commands in it. See help() in options.cpp.
 #include "efs2_store.h"
 #include "options.h"
-#include "tablet.h"
 
 #include <array>
 #include <csignal>
-#include <fcntl.h>
 #include <iostream>
+#include <sstream>
 
 namespace {
 
@@ -24,7 +23,10 @@ std::optional<fs::path> built_tessel()
 
 void prepare(const Options& options, const fs::path& root)
 {
-    make_tablet(root, options.tessel ? options.tessel : built_tessel());
+    TabletSettings settings = options.tablet;
+    if (!settings.tessel)
+        settings.tessel = built_tessel();
+    make_tablet(root, settings, options.machine.wifi_only);
     const NvStore store(root / "modem/nv");
     const auto items = options.nv ? read_file(*options.nv) : std::string(default_nv_items);
     if (!items)
@@ -35,16 +37,23 @@ void prepare(const Options& options, const fs::path& root)
         EfsStore(root / "modem/efs").load(options.efs);
 }
 
-int run_command(const Options& options)
+void warn(const Machine& machine, std::ostream& warnings)
+{
+    if (!machine.obstacle().empty())
+        warnings << "virtual_tablet: the tablet has no power files: " << machine.obstacle() << '\n';
+}
+
+int run_command(const Options& options, std::ostream& warnings = std::cerr)
 {
     const Fd caught = catch_signals({SIGTERM, SIGHUP, SIGINT, SIGQUIT});
     const Keeper keeper(options.root, options.command);
     prepare(options, keeper.root());
-    Modem modem(keeper.root() / "dev", keeper.root() / "modem", options.modem);
+    Machine machine(keeper.root(), options.machine);
+    warn(machine, warnings);
     keeper.start();
     while (true) {
         std::array<pollfd, 2> events{{{caught.get(), POLLIN, 0}, {keeper.fd(), POLLIN, 0}}};
-        modem.step(events);
+        machine.step(events);
         if (events[1].revents != 0)
             return keeper.status();
         // An interrupt from the terminal reaches the command without us; that the terminal is gone only we are told.
@@ -58,12 +67,13 @@ int serve(const Options& options)
 {
     prepare(options, *options.root);
     const Fd caught = catch_signals({SIGTERM, SIGINT});
-    Modem modem(*options.root / "dev", *options.root / "modem", options.modem);
+    Machine machine(*options.root, options.machine);
+    warn(machine, std::cerr);
     std::cout << "ready" << std::endl;
     std::array<char, 512> ignored{};
     while (true) {
         std::array<pollfd, 2> events{{{caught.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
-        modem.step(events);
+        machine.step(events);
         if (events[0].revents != 0)
             return 0;
         if (events[1].revents != 0 && read(STDIN_FILENO, ignored.data(), ignored.size()) <= 0)
@@ -71,24 +81,17 @@ int serve(const Options& options)
     }
 }
 
-// Runs a command that does nothing, with what goes wrong caught in a file.
+// Runs a command that does nothing, with what goes wrong caught. Power files are no condition: much works without.
 int check(Options options)
 {
     options.command = {"true"};
-    options.modem.mode = Mode::absent;
-    std::array<int, 2> ends{};
-    must(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), "pipe");
-    const Fd reader(ends[0]), writer(ends[1]), terminal(dup(STDERR_FILENO));
-    must(dup2(writer.get(), STDERR_FILENO), "dup2");
-    const int status = run_command(options);
-    must(dup2(terminal.get(), STDERR_FILENO), "dup2");
-    if (status == 0)
-        return 0;
-
-    std::array<char, 4096> said{};
-    const auto count = std::max<ssize_t>(0, read(reader.get(), said.data(), said.size()));
-    std::cerr << "virtual_tablet: " << sandbox_obstacle({said.data(), static_cast<size_t>(count)}) << '\n';
-    return 1;
+    options.machine.modem.mode = Mode::absent;
+    ErrorCapture errors;
+    std::ostringstream warnings;
+    const int status = run_command(options, warnings);
+    const std::string said = errors.said();
+    std::cerr << (status == 0 ? warnings.str() : "virtual_tablet: " + sandbox_obstacle(said) + "\n");
+    return status == 0 ? 0 : 1;
 }
 
 int run(const Options& options)
@@ -115,6 +118,9 @@ int main(int argc, char** argv)
 {
     constexpr int failed = 1, wrong_usage = 2;
     try {
+        const auto tools = tool_names();
+        if (argc > 0 && std::ranges::find(tools, fs::path(argv[0]).filename().string()) != tools.end())
+            return call_tool({argv, argv + argc});
         return run(parse_options({argv + 1, argv + argc}));
     } catch (const UsageError& error) {
         std::cerr << "virtual_tablet: " << error.what() << "\nTry: virtual_tablet --help\n";

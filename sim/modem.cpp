@@ -11,8 +11,16 @@ using std::chrono::milliseconds;
 // A resetting modem keeps the bus for a moment after its last words, so that a host hears them.
 constexpr milliseconds last_words{150};
 constexpr milliseconds never{-1};
+constexpr const char* gone = "state gone";
 
-constexpr const char* mode_names[] = {"absent", "normal", "offline", "dload", "fastboot"};
+constexpr const char* mode_names[] = {"absent", "off", "normal", "partial", "offline", "dload", "fastboot"};
+
+// What shows a modem, from the bus to the ports.
+constexpr std::string_view bus_driver = "ehci_hcd", network_driver = "rmnet_usb";
+constexpr std::string_view tty_drivers[] = {"usbserial", "usb_wwan", bus_driver, "option"};
+
+constexpr const char* packet_port = "ttyUSB0";
+constexpr const char* text_ports[] = {"ttyUSB1", "ttyUSB2"};
 
 std::string state(Mode mode)
 {
@@ -21,28 +29,110 @@ std::string state(Mode mode)
 
 } // namespace
 
-Modem::Modem(const fs::path& nodes, const fs::path& home, const ModemSettings& settings)
-    : nodes_(nodes), home_(home), settings_(settings), journal_(home / "journal.txt"),
-      faults_(settings.faults, journal_), nv_(home / "nv"), memory_(settings.regions, settings.seed)
+Modem::Modem(const fs::path& root, const ModemSettings& settings, const Modules& modules, const Journal& journal)
+    : nodes_(root / "dev"), home_(root / "modem"), settings_(settings), modules_(modules), journal_(journal),
+      faults_(settings.faults, journal_), nv_(home_ / "nv"), memory_(settings.regions, settings.seed),
+      sysfs_(root / "sys", settings.sysfs), powered_(settings.mode != Mode::off), linked_(powered_)
 {
+    // Links that a tablet that was killed has left lead to other people's terminals.
+    for (const char* node : {packet_port, text_ports[0], text_ports[1]})
+        fs::remove(nodes_ / node);
     enter(settings.mode);
 }
 
 void Modem::enter(Mode mode)
 {
+    mode_ = mode;
     faults_.begin_mode();
     if (mode == Mode::dload) {
         memory_.save(home_ / "memory");
         protocol_ = make_dload(memory_, settings_.dload_version, settings_.region_table, journal_);
-        lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
-    } else if (mode == Mode::normal) {
+    } else if (mode == Mode::normal || mode == Mode::partial) {
         protocol_ = make_diag(nv_, make_service(home_, settings_.apps_version, journal_),
                               make_efs2(EfsStore(home_ / "efs"), journal_), settings_.sku, settings_.spc, journal_);
-        lines_.push_back({Port(nodes_ / "ttyUSB0"), {}, {}});
-        for (const std::string name : {"ttyUSB1", "ttyUSB2"})
-            lines_.push_back({Port(nodes_ / name), {}, AtPort(name, settings_.revision, faults_, journal_)});
     }
+    follow_modules();
     journal_.note(state(mode));
+}
+
+void Modem::come_up()
+{
+    if (powered_ && linked_ && next_ != Mode::absent)
+        arrival_ = Clock::now() + settings_.power_up;
+}
+
+void Modem::vanish(Mode next)
+{
+    mode_ = Mode::absent;
+    next_ = next;
+    departure_.reset();
+    arrival_.reset();
+    follow_modules();
+}
+
+void Modem::switch_power(char word)
+{
+    if (settings_.mode == Mode::absent)
+        return;
+    if (word != '1' && powered_) {
+        powered_ = false;
+        const bool was_up = is_up();
+        vanish(Mode::absent);
+        if (word == '0' || was_up)
+            journal_.note(word == '0' ? state(Mode::off) : gone);
+    }
+    if (word != '0' && !powered_) {
+        powered_ = true;
+        next_ = settings_.boot[std::min(boots_++, settings_.boot.size() - 1)];
+        come_up();
+    }
+}
+
+void Modem::switch_link(char word)
+{
+    if (word != '1' && linked_) {
+        linked_ = false;
+        const bool was_up = is_up();
+        // Cut off, it goes on with what it was at.
+        vanish(departure_ ? departure_->next : was_up ? mode_ : next_);
+        if (was_up)
+            journal_.note(gone);
+    }
+    if (word != '0' && !linked_) {
+        linked_ = true;
+        come_up();
+    }
+}
+
+void Modem::follow_modules()
+{
+    const bool running = mode_ == Mode::normal || mode_ == Mode::partial;
+    const bool seen = running || mode_ == Mode::dload;
+
+    // A host that finds the network device or the first port then looks for the others: those two come last.
+    if (!seen || !modules_.loaded(bus_driver))
+        sysfs_.hide_device();
+    else
+        sysfs_.show_device(mode_ == Mode::dload);
+    if (!seen || !modules_.loaded(tty_drivers)) {
+        lines_.clear();
+    } else if (lines_.empty()) {
+        const size_t texts = mode_ == Mode::normal ? 2 : running ? 1 : 0;
+        for (size_t i = texts; i > 0; --i)
+            plug_in(text_ports[i - 1]);
+        plug_in(packet_port);
+    }
+    if (mode_ == Mode::normal && modules_.loaded(network_driver))
+        sysfs_.show_network();
+    else
+        sysfs_.hide_network();
+}
+
+void Modem::plug_in(const std::string& node)
+{
+    lines_.push_back({Port(nodes_ / node), {}, {}});
+    if (node != packet_port)
+        lines_.back().at.emplace(node, settings_.revision, faults_, journal_);
 }
 
 void Modem::leave(Mode next, milliseconds away)
@@ -100,12 +190,11 @@ void Modem::pass_time()
             std::ranges::all_of(lines_, [&](Line& line) { return now - line.port.idle_since(now) >= last_words; });
         if (!heard)
             return;
-        lines_.clear();
-        journal_.note("state gone");
-        next_ = departure_->next;
-        if (departure_->away != never)
-            arrival_ = now + departure_->away;
-        departure_.reset();
+        const auto [next, away] = *departure_;
+        vanish(next);
+        journal_.note(gone);
+        if (away != never)
+            arrival_ = now + away;
     }
     if (arrival_ && *arrival_ <= now) {
         arrival_.reset();

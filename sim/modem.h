@@ -1,17 +1,23 @@
-// The virtual modem: which mode it is in, which nodes that gives, and who answers on them.
+// The virtual modem: its power and its link, which mode it is in, which nodes that gives, and who answers on them.
 #pragma once
 
 #include "at_port.h"
+#include "modules.h"
+#include "sysfs.h"
 
 #include <poll.h>
 
 namespace sim {
 
-enum class Mode { absent, normal, offline, dload, fastboot };
+// A modem that is `partial` runs, but shows only the first two of its three ttys.
+enum class Mode { absent, off, normal, partial, offline, dload, fastboot };
 
 struct ModemSettings {
     Mode mode = Mode::normal;
     std::chrono::milliseconds reenumerate{300};
+    std::chrono::milliseconds power_up{1500};
+    std::vector<Mode> boot{Mode::normal}; // what each power-up leads to; the last one counts for all that follow
+    SysfsSettings sysfs;
     uint8_t dload_version = 7;
     std::vector<Region> regions;
     std::optional<Bytes> region_table;
@@ -25,11 +31,18 @@ struct ModemSettings {
 
 class Modem {
 public:
-    // `nodes`: the tablet's /dev. `home`: the modem's insides, with nv/, files/ and memory/.
-    Modem(const fs::path& nodes, const fs::path& home, const ModemSettings& settings);
+    // `root`: the tablet, with dev/ and sys/ for what it shows and modem/ for its insides.
+    Modem(const fs::path& root, const ModemSettings& settings, const Modules& modules, const Journal& journal);
 
     // Waits until one of `others` is ready or the modem has something to do, and does it.
     void step(std::span<pollfd> others);
+
+    // What the power files are told: '0' off, '1' on, '2' off and on again.
+    void switch_power(char word);
+    void switch_link(char word);
+    [[nodiscard]] bool is_powered() const { return powered_; }
+    // Nodes come and go with the drivers that give them.
+    void follow_modules();
 
 private:
     struct Line {
@@ -42,7 +55,11 @@ private:
         std::chrono::milliseconds away;
     };
 
+    [[nodiscard]] bool is_up() const { return mode_ != Mode::absent && mode_ != Mode::off; }
     void enter(Mode mode);
+    void come_up();
+    void vanish(Mode next);
+    void plug_in(const std::string& node);
     void leave(Mode next, std::chrono::milliseconds away);
     void receive(Line& line);
     void receive_packets(Line& line, View input);
@@ -53,15 +70,21 @@ private:
     fs::path nodes_;
     fs::path home_;
     ModemSettings settings_;
-    Journal journal_;
+    const Modules& modules_;
+    const Journal& journal_;
     Faults faults_;
     NvStore nv_;
     Memory memory_;
     std::unique_ptr<Protocol> protocol_; // of the packet port
+    Sysfs sysfs_;
+    bool powered_;
+    bool linked_;
+    size_t boots_ = 0;
+    Mode mode_ = Mode::absent; // absent also while it is away for a moment
     std::vector<Line> lines_;
     std::optional<Departure> departure_; // decided on, once the last reply was read
-    Mode next_ = Mode::absent;
-    std::optional<Time> arrival_; // when `next_` begins
+    Mode next_ = Mode::absent;           // what it is when it can be seen again
+    std::optional<Time> arrival_;        // when `next_` begins
 };
 
 } // namespace sim

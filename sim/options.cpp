@@ -20,15 +20,69 @@ uint32_t number(std::string_view text, uint32_t most = UINT32_MAX)
     throw UsageError("not a number up to " + std::to_string(most) + ": " + std::string(text));
 }
 
-Mode mode(std::string_view text)
+// The words of an option that has a choice of them, and what each stands for.
+template <typename Value>
+using Choice = std::pair<std::string_view, Value>;
+
+constexpr Choice<Mode> modes[] = {
+    {"normal", Mode::normal}, {"crashed", Mode::dload}, {"off", Mode::off}, {"absent", Mode::absent}};
+constexpr Choice<Mode> boots[] = {
+    {"normal", Mode::normal}, {"crashed", Mode::dload}, {"partial", Mode::partial}, {"never", Mode::absent}};
+constexpr Choice<Bwan> bwans[] = {
+    {"ok", Bwan::ok}, {"missing", Bwan::missing}, {"refused", Bwan::refused}, {"failing", Bwan::failing}};
+// The first characters name the board.
+constexpr Choice<const char*> boards[] = {{"osprey", "0c01020300000001\n"},
+                                          {"pipit", "0d01020300000001\n"},
+                                          {"quail", "0010020300000001\n"},
+                                          {"other", "0b01020300000001\n"}};
+
+template <typename Row>
+std::string_view word_of(const Row& row)
 {
-    if (text == "normal")
-        return Mode::normal;
-    if (text == "crashed")
-        return Mode::dload;
-    if (text == "absent")
-        return Mode::absent;
-    throw UsageError("a modem is normal, crashed or absent, not " + std::string(text));
+    if constexpr (requires { row.first; })
+        return row.first;
+    else if constexpr (requires { row.word; })
+        return row.word;
+    else
+        return row.name;
+}
+
+// The row of a table that a word chooses.
+template <typename Row, size_t Count>
+const Row& chosen(const Row (&rows)[Count], std::string_view text)
+{
+    std::string words;
+    for (const Row& row : rows) {
+        if (word_of(row) == text)
+            return row;
+        words.append(words.empty() ? "" : ", ").append(word_of(row));
+    }
+    throw UsageError("not one of " + words + ": " + std::string(text));
+}
+
+// NAME=TEXT with \n and \xNN, or NAME=- for no file.
+void show_usb_file(Options& options, std::string_view given)
+{
+    const size_t equals = std::min(given.find('='), given.size());
+    const std::string_view name = chosen(usb_files, given.substr(0, equals)).name;
+    const std::string_view text = given.substr(std::min(equals + 1, given.size()));
+    const auto plain = unescaped(text);
+    if (equals == given.size() || !plain)
+        throw UsageError("not NAME=TEXT, with \\n and \\xNN: " + std::string(given));
+    options.machine.modem.sysfs.texts[std::string(name)] = text == "-" ? std::nullopt : plain;
+}
+
+std::vector<std::string> module_names(std::string_view list)
+{
+    std::vector<std::string> names;
+    if (list == "none")
+        return names;
+    for (const std::string_view name : split(list, ',')) {
+        if (name.empty() || printable(name) != name || name.find(' ') != std::string_view::npos)
+            throw UsageError("not a module: " + printable(name));
+        names.push_back(module_name(name));
+    }
+    return names;
 }
 
 // SIZE, NAME=SIZE or NAME=SIZE@BASE, separated by commas.
@@ -69,30 +123,40 @@ constexpr OptionRow rows[] = {
      [](Options& options, std::string_view text) {
          if (!fs::is_regular_file(text))
              throw UsageError("no such program: " + std::string(text));
-         options.tessel = text;
+         options.tablet.tessel = text;
      }},
-    {"--modem", "MODE", "normal, crashed or absent (normal)",
-     [](Options& options, std::string_view text) { options.modem.mode = mode(text); }},
+    {"--modem", "MODE", "normal, crashed, off or absent (normal)",
+     [](Options& options, std::string_view text) { options.machine.modem.mode = chosen(modes, text).second; }},
+    {"--boot", "LIST", "what each power-up leads to, with commas: normal, crashed, partial, never (normal)",
+     [](Options& options, std::string_view text) {
+         options.machine.modem.boot.clear();
+         for (const std::string_view word : split(text, ','))
+             options.machine.modem.boot.push_back(chosen(boots, word).second);
+     }},
+    {"--power-up", "MS", "how long the modem takes from being switched on to its nodes (1500)",
+     [](Options& options, std::string_view text) {
+         options.machine.modem.power_up = std::chrono::milliseconds(number(text));
+     }},
     {"--protocol", "N", "version of the DLOAD protocol; unframed reads from 7 on (7)",
      [](Options& options, std::string_view text) {
-         options.modem.dload_version = static_cast<uint8_t>(number(text, UINT8_MAX));
+         options.machine.modem.dload_version = static_cast<uint8_t>(number(text, UINT8_MAX));
      }},
     {"--regions", "LIST", "memory of a crashed modem: SIZE, NAME=SIZE or NAME=SIZE@BASE, with commas; 64K, 2M, 0x100",
-     [](Options& options, std::string_view text) { options.modem.regions = regions(text); }},
+     [](Options& options, std::string_view text) { options.machine.modem.regions = regions(text); }},
     {"--region-table", "HEX", "the reply to the region table request, byte for byte, instead of the true one",
      [](Options& options, std::string_view text) {
-         options.modem.region_table = parse_hex(text);
-         if (!options.modem.region_table)
+         options.machine.modem.region_table = parse_hex(text);
+         if (!options.machine.modem.region_table)
              throw UsageError("not hex digits: " + std::string(text));
      }},
     {"--seed", "N", "another seed, another memory (1)",
-     [](Options& options, std::string_view text) { options.modem.seed = number(text); }},
+     [](Options& options, std::string_view text) { options.machine.modem.seed = number(text); }},
     {"--sku", "N", "the modem's SKU (0)",
-     [](Options& options, std::string_view text) { options.modem.sku = number(text); }},
+     [](Options& options, std::string_view text) { options.machine.modem.sku = number(text); }},
     {"--revision", "TEXT", "the firmware revision that ATI shows",
-     [](Options& options, std::string_view text) { options.modem.revision = text; }},
+     [](Options& options, std::string_view text) { options.machine.modem.revision = text; }},
     {"--apps", "TEXT", "the version of the modem's applications",
-     [](Options& options, std::string_view text) { options.modem.apps_version = text; }},
+     [](Options& options, std::string_view text) { options.machine.modem.apps_version = text; }},
     {"--nv", "FILE", "NV items to begin with, one a line, such as \"550: 08 1A\" or \"20/1: 00 05\"",
      [](Options& options, std::string_view text) { options.nv = text; }},
     {"--efs", "DIR", "the tree of files that the modem's file system is a copy of to begin with",
@@ -101,14 +165,35 @@ constexpr OptionRow rows[] = {
      [](Options& options, std::string_view text) {
          if (text.size() != 6 || text.find_first_not_of("0123456789") != std::string_view::npos)
              throw UsageError("not six digits: " + std::string(text));
-         options.modem.spc = text;
+         options.machine.modem.spc = text;
      }},
     {"--reenumerate", "MS", "how long the nodes are away in a reset (300)",
      [](Options& options, std::string_view text) {
-         options.modem.reenumerate = std::chrono::milliseconds(number(text));
+         options.machine.modem.reenumerate = std::chrono::milliseconds(number(text));
      }},
+    {"--usb-place", "PLACE", "where /sys shows the modem: 1-1, 2-1, 1-2 or none (1-1)",
+     [](Options& options, std::string_view text) { options.machine.modem.sysfs.place = &chosen(usb_places, text); }},
+    {"--usb-file", "NAME=TEXT", "what a file of the USB device says, with \\n and \\xNN; NAME=- leaves it out",
+     show_usb_file},
+    {"--board", "BOARD", "osprey, pipit, quail or other (osprey)",
+     [](Options& options, std::string_view text) { options.tablet.board_id = chosen(boards, text).second; }},
+    {"--bwan", "KIND", "what /dev/bwan is: ok, missing, refused (to whoever opens it) or failing (ok)",
+     [](Options& options, std::string_view text) { options.machine.bwan = chosen(bwans, text).second; }},
+    {"--modules", "LIST", "the kernel modules that are loaded, with commas, or none (all six)",
+     [](Options& options, std::string_view text) { options.tablet.modules = module_names(text); }},
+    {"--without", "FILE", "a module file that is not there, such as option.ko; may be given many times",
+     [](Options& options, std::string_view text) {
+         const auto files = module_files();
+         if (std::ranges::find(files, text) == files.end())
+             throw UsageError("no module file: " + std::string(text));
+         options.tablet.missing_modules.emplace_back(text);
+     }},
+    {"--fail", "TOOL[:WORD]", "calls of this tool fail, or those whose last argument is a file WORD; many times",
+     [](Options& options, std::string_view text) { options.machine.failures.push_back(ToolFailure::parse(text)); }},
+    {"--wifi-only", "", "no modem, no power files",
+     [](Options& options, std::string_view) { options.machine.wifi_only = true; }},
     {"--fault", "WORD@N[+][:ARG]", "fail at the N-th reply, with + from there on; may be given many times",
-     [](Options& options, std::string_view text) { options.modem.faults.push_back(Fault::parse(text)); }},
+     [](Options& options, std::string_view text) { options.machine.modem.faults.push_back(Fault::parse(text)); }},
 };
 
 constexpr std::pair<std::string_view, Job> jobs[] = {
@@ -120,10 +205,10 @@ constexpr std::pair<std::string_view, Job> jobs[] = {
 Options parse_options(std::vector<std::string_view> arguments)
 {
     Options options;
-    options.modem.regions = regions(default_regions);
-    options.modem.revision = "VM1.0.0";
-    options.modem.apps_version = "VA1.0.0";
-    options.modem.spc = "000000";
+    options.machine.modem.regions = regions(default_regions);
+    options.machine.modem.revision = "VM1.0.0";
+    options.machine.modem.apps_version = "VA1.0.0";
+    options.machine.modem.spc = "000000";
 
     const auto front = [&] { return arguments.empty() ? std::string_view() : arguments.front(); };
     const auto shift = [&] { arguments.erase(arguments.begin()); };
@@ -138,7 +223,14 @@ Options parse_options(std::vector<std::string_view> arguments)
         if (row == std::end(rows))
             throw UsageError("unknown option " + std::string(given));
         shift();
-        if (name.size() < given.size()) {
+        const bool has_value = name.size() < given.size();
+        if (*row->argument == '\0') {
+            if (has_value)
+                throw UsageError(std::string(name) + " takes no value");
+            row->apply(options, {});
+            continue;
+        }
+        if (has_value) {
             row->apply(options, given.substr(name.size() + 1));
             continue;
         }
@@ -156,6 +248,8 @@ Options parse_options(std::vector<std::string_view> arguments)
         throw UsageError(takes_command ? "no command to run" : "unexpected " + options.command.front());
     if ((options.job == Job::serve || options.job == Job::run) && !options.root)
         throw UsageError("--root DIR is missing");
+    if (options.machine.wifi_only)
+        options.machine.modem.mode = Mode::absent;
     return options;
 }
 

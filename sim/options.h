@@ -1,11 +1,8 @@
 // The command line of virtual_tablet.
 #pragma once
 
-#include "modem.h"
-
-#include <optional>
-#include <string>
-#include <vector>
+#include "machine.h"
+#include "tablet.h"
 
 namespace sim {
 
@@ -14,10 +11,10 @@ enum class Job { command, serve, run, check, help };
 struct Options {
     Job job = Job::command;
     std::optional<fs::path> root;
-    std::optional<fs::path> tessel;
     std::optional<fs::path> nv;
     std::optional<fs::path> efs;
-    ModemSettings modem;
+    TabletSettings tablet;
+    MachineSettings machine;
     std::vector<std::string> command;
 };
 

@@ -50,6 +50,31 @@ inline int must(int result, const std::string& what)
 [[nodiscard]] Fd catch_signals(std::initializer_list<int> numbers);
 [[nodiscard]] signalfd_siginfo take_signal(const Fd& caught);
 
+// Standard error goes into a pipe, whoever writes it, until `said` is called or this goes away.
+class ErrorCapture {
+public:
+    ErrorCapture();
+    ErrorCapture(const ErrorCapture&) = delete;
+    ErrorCapture(ErrorCapture&&) = delete;
+    ErrorCapture& operator=(const ErrorCapture&) = delete;
+    ErrorCapture& operator=(ErrorCapture&&) = delete;
+    ~ErrorCapture() { restore(); }
+
+    // What was written so far, at most a few lines.
+    [[nodiscard]] std::string said();
+
+private:
+    void restore();
+
+    Fd terminal_;
+    Fd reader_;
+};
+
+// The words as a program's argument vector; valid as long as they are.
+[[nodiscard]] std::vector<char*> argument_vector(std::vector<std::string>& words);
+// Runs a program with nothing to read or to tell, to its end; its exit status, or -1.
+int run_quietly(std::vector<std::string> words);
+
 [[nodiscard]] std::optional<std::string> read_file(const fs::path& path);
 void write_file(const fs::path& path, View bytes);
 void append_line(const fs::path& path, const std::string& line);

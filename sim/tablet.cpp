@@ -1,4 +1,6 @@
 #include "tablet.h"
+#include "drivers.h"
+#include "tools.h"
 
 #include <array>
 #include <csignal>
@@ -16,11 +18,13 @@ namespace {
 
 constexpr const char* directories[] = {
     "dev/pts",
-    "proc",
+    "drivers",
+    "proc/product_features",
     "sys",
     "data",
     "sdcard",
     "system/bin",
+    "system/lib/modules",
     "modem/memory",
     "modem/nv",
     "modem/efs",
@@ -30,21 +34,16 @@ constexpr const char* directories[] = {
     "modem/files/var",
 };
 
-// What the tablet and its modem tell of themselves. The board id names the board in its first characters.
+// What the tablet and its modem tell of themselves.
 constexpr std::pair<const char*, const char*> texts[] = {
-    {"proc/board_id", "0c01020300000001\n"},
     {"proc/version", "Linux version 3.4.0-tablet (build@tablet) #1 SMP PREEMPT Mon Jan 1 12:00:00 UTC 2024\n"},
-    {"proc/modules", "bwan 8652 0 - Live 0x00000000\n"
-                     "rmnet_usb 14210 0 - Live 0x00000000\n"
-                     "option 13371 0 - Live 0x00000000\n"
-                     "ehci_hcd 45212 0 - Live 0x00000000\n"
-                     "usb_wwan 10230 1 option, Live 0x00000000\n"
-                     "usbserial 27418 2 option,usb_wwan, Live 0x00000000\n"},
     {"modem/kernel.log", "[    0.000000] Linux version 3.0.8-modem (build@modem) #1 PREEMPT\n"
                          "[    1.204512] diag: ready\n"
                          "[    2.817003] rmnet: link is up\n"},
     {"modem/files/etc/version", "virtual modem\n"},
 };
+
+constexpr const char* default_board_id = "0c01020300000001\n"; // the first characters name the board
 
 // Of the real /dev, what every program expects.
 constexpr const char* devices[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom"};
@@ -76,6 +75,27 @@ void link_to(const fs::path& target, const fs::path& link)
     fs::create_symlink(target, link);
 }
 
+// What is there already stays as it is, unless the command line says it.
+void provide(const fs::path& file, std::string_view text, bool said = false)
+{
+    if (said || !fs::exists(file))
+        write_file(file, bytes_of(text));
+}
+
+void make_modules(const fs::path& root, const TabletSettings& settings)
+{
+    std::vector<std::string> loaded;
+    for (const std::string& file : module_files()) {
+        const fs::path path = root / "system/lib/modules" / file;
+        if (std::ranges::find(settings.missing_modules, file) == settings.missing_modules.end())
+            provide(path, "kernel module " + module_name(file) + "\n");
+        else
+            fs::remove(path);
+        loaded.push_back(module_name(file));
+    }
+    provide(root / "proc/modules", module_list(settings.modules.value_or(loaded)), settings.modules.has_value());
+}
+
 Words sandbox_words(const fs::path& root, const Words& command)
 {
     // A process namespace of its own, so that nothing that the command left running outlives it.
@@ -90,6 +110,15 @@ Words sandbox_words(const fs::path& root, const Words& command)
     say({"--dev-bind", "/dev/pts", "/dev/pts", "--proc", "/.proc"});
     for (const std::string name : {"proc", "sys", "data", "sdcard"})
         say({"--bind", root / name, "/" + name});
+    // The mount is there while a process serves it.
+    std::error_code none;
+    const fs::path drivers = root / drivers_mount;
+    if (fs::exists(drivers / driver_binds[0].first, none)) {
+        say({"--bind", drivers, drivers_in_sandbox});
+        for (const auto& [from, to] : driver_binds)
+            say({"--bind", drivers / from, fs::path("/") / to});
+    }
+    say({"--bind", root / "system/lib/modules", "/system/lib/modules"});
     say({"--dir", "/system/bin", "--tmpfs", "/tmp"});
     for (const auto& entry : fs::directory_iterator(root / "system/bin"))
         if (fs::exists(entry.path()))
@@ -136,8 +165,9 @@ pid_t start_child(const fs::path& root, const Words& command, pid_t group)
 
 } // namespace
 
-void make_tablet(const fs::path& root, const std::optional<fs::path>& tessel)
+void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi_only)
 {
+    Drivers::release(root / drivers_mount);
     for (const char* name : directories)
         fs::create_directories(root / name);
     for (const char* device : devices)
@@ -149,19 +179,26 @@ void make_tablet(const fs::path& root, const std::optional<fs::path>& tessel)
         link_to("/.proc/" + std::to_string(pid), root / "proc" / std::to_string(pid));
     link_to("/proc/self/fd", root / "dev/fd");
     for (const auto& [name, text] : texts)
-        if (!fs::exists(root / name))
-            write_file(root / name, bytes_of(text));
-    if (tessel)
-        link_to(fs::canonical(*tessel), root / "system/bin/tessel");
+        provide(root / name, text);
+    provide(root / "proc/board_id", settings.board_id.value_or(default_board_id), settings.board_id.has_value());
+    make_modules(root, settings);
+    const fs::path wan = root / "proc/product_features/wan";
+    if (wifi_only)
+        fs::remove(wan);
+    else
+        provide(wan, "1\n");
+
+    for (const std::string& name : tool_names())
+        if (const fs::path tool = root / "system/bin" / name; fs::is_symlink(tool) || !fs::exists(tool))
+            link_to(fs::canonical("/proc/self/exe"), tool);
+    if (settings.tessel)
+        link_to(fs::canonical(*settings.tessel), root / "system/bin/tessel");
 }
 
 void enter_tablet(const fs::path& root, const Words& command)
 {
     Words words = sandbox_words(root, command);
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argument_vector(words);
     (void)execvp(arguments.front(), arguments.data());
     throw std::runtime_error(errno == ENOENT ? not_installed : "bwrap: " + std::generic_category().message(errno));
 }
@@ -236,8 +273,10 @@ void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& co
     }
     kill_children();
     std::error_code ignored;
-    if (!root)
+    if (!root) {
+        Drivers::release(fs::path(name) / drivers_mount);
         fs::remove_all(name, ignored);
+    }
     _exit(0);
 }
 

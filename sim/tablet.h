@@ -1,6 +1,7 @@
 // The tablet: a directory that becomes the root of a sandbox.
-//   dev/ proc/ sys/ data/ sdcard/ system/bin/   what a program in the tablet sees
-//   modem/nv/ efs/ files/ memory/ kernel.log ...     the insides of the modem, outside the sandbox
+//   dev/ proc/ sys/ data/ sdcard/ system/       what a program in the tablet sees
+//   drivers/                                    the files of its drivers, where they are mounted
+//   modem/nv/ efs/ files/ memory/ kernel.log ... the insides of the modem, outside the sandbox
 #pragma once
 
 #include "os.h"
@@ -11,8 +12,16 @@ namespace sim {
 
 using Words = std::vector<std::string>;
 
-// Lays out a tablet below `root`; what is there already stays as it is. `tessel` is linked into system/bin.
-void make_tablet(const fs::path& root, const std::optional<fs::path>& tessel);
+// What the command line says about a tablet; what it does not say stays as it is in a tablet that is there already.
+struct TabletSettings {
+    std::optional<fs::path> tessel; // the program linked into system/bin
+    std::optional<std::string> board_id;
+    std::optional<std::vector<std::string>> modules; // loaded, in this order
+    std::vector<std::string> missing_modules;        // files that system/lib/modules lacks
+};
+
+// Lays out a tablet below `root`.
+void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi_only);
 
 // Becomes the sandbox of the tablet and runs `command` in it. Comes back only as an exception.
 [[noreturn]] void enter_tablet(const fs::path& root, const Words& command);

@@ -39,10 +39,8 @@ protected:
     // finds the port gone, and whether the main thread finds the reader gone, is a matter of chance.
     static Texts said(const Result& result)
     {
-        (void)result.errors();
         Texts texts;
-        for (const std::string& line : result.log) {
-            const std::string text = line.substr(line.find(' ') + 1, 1) + line.substr(line.find(": ") + 1);
+        for (const std::string& text : result.records()) {
             if (text.starts_with("E pktio.c:127 read:errno=5:") || text.starts_with("E pktio.c:173 eof::EOF"))
                 texts.push_back(unplugged);
             else if (text != "I Opening port: /dev/ttyUSB0" && !text.starts_with("W pktio.c:306 "))

@@ -15,14 +15,15 @@
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto command_deadline = 60s;
-constexpr auto modem_deadline = 30s; // to boot, to end, and to show an awaited event
+constexpr auto command_deadline = 100s; // two waits of 30 s for a modem, on a busy machine
+constexpr auto modem_deadline = 30s;    // to boot, to end, and to show an awaited event
 
 std::string slurp(const fs::path& path)
 {
@@ -98,6 +99,15 @@ void expect_no_sanitizer_report(const std::string& text)
 }
 
 } // namespace
+
+Texts Result::records() const
+{
+    *errors_seen = true;
+    Texts texts;
+    for (const std::string& line : log)
+        texts.push_back(line.substr(line.find(' ') + 1, 1) + line.substr(line.find(": ") + 1));
+    return texts;
+}
 
 void OnTablet::SetUp()
 {
@@ -176,6 +186,15 @@ std::string OnTablet::read_file(const std::string& path) const
     return slurp(root() + path);
 }
 
+void OnTablet::write_file(const std::string& path, const std::string& bytes) const
+{
+    const fs::path file = root() + path;
+    fs::remove_all(file);
+    fs::create_directories(file.parent_path());
+    std::ofstream stream(file, std::ios::binary);
+    EXPECT_TRUE(stream << bytes << std::flush) << path;
+}
+
 OnTablet::Files OnTablet::files_in(const std::string& path) const
 {
     Files files;
@@ -190,6 +209,17 @@ OnTablet::Files OnTablet::files_in(const std::string& path) const
 Texts OnTablet::journal() const
 {
     return lines_of(slurp(root() + "/modem/journal.txt"));
+}
+
+Texts OnTablet::actions()
+{
+    Texts texts = journal();
+    std::erase_if(texts, [](const std::string& line) {
+        return !line.starts_with("write ") && !line.starts_with("ioctl ") && !line.starts_with("ran ");
+    });
+    const size_t seen = std::exchange(actions_seen_, texts.size());
+    texts.erase(texts.begin(), texts.begin() + static_cast<ptrdiff_t>(seen));
+    return texts;
 }
 
 void OnTablet::wait_for_journal(const std::string& text) const

@@ -7,7 +7,7 @@
 //   }
 //
 // Every case fails, without asking for it, on an ERROR record or a complaint of the modem that it did not look at, a
-// sanitizer report, a command that runs for 60 s, and a process or a folder that stays behind. Where sandboxes are
+// sanitizer report, a command that runs for 100 s, and a process or a folder that stays behind. Where sandboxes are
 // impossible it is skipped with the remedy, or fails when the environment says CI=true.
 #pragma once
 
@@ -36,6 +36,9 @@ struct Result {
         *errors_seen = true;
         return error_texts;
     }
+    // All records, "I text" each, of which the same holds.
+    [[nodiscard]] Texts records() const;
+
     Texts error_texts;
     std::shared_ptr<bool> errors_seen = std::make_shared<bool>(false);
 };
@@ -68,6 +71,9 @@ protected:
     // Contents of a file of the tablet, such as "/sdcard/list". The case fails, and gets "", when there is none.
     [[nodiscard]] std::string read_file(const std::string& path) const;
 
+    // Puts a file into the tablet in the place of whatever is there, with the folders above it.
+    void write_file(const std::string& path, const std::string& bytes) const;
+
     // All regular files directly in a folder of the tablet; none when there is no such folder.
     [[nodiscard]] Files files_in(const std::string& path) const;
 
@@ -76,6 +82,9 @@ protected:
 
     // What the modem saw and did so far, one line an event.
     [[nodiscard]] Texts journal() const;
+
+    // What was done to the tablet since the last call: writes to driver files, ioctls, and programs that ran, in order.
+    [[nodiscard]] Texts actions();
 
     // Waits for an event that holds `text`; the case fails when none comes within 30 s.
     void wait_for_journal(const std::string& text) const;
@@ -97,4 +106,5 @@ private:
     std::set<pid_t> running_;
     std::vector<Result> finished_;
     bool complaints_seen_ = false;
+    size_t actions_seen_ = 0;
 };

@@ -6,7 +6,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -51,6 +53,31 @@ TEST(Os, FilesAreNotInheritedByCommands)
     EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(open_file("/nowhere/file", "r"), nullptr);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(Os, LinesAreReadWholeOrUpToTheLimit)
+{
+    using namespace std::string_literals;
+    const struct {
+        std::string text;
+        std::vector<std::string> lines; // with a limit of 4
+    } rows[] = {
+        {"", {}},
+        {"\n", {""}},
+        {"a\n\nb", {"a", "", "b"}},
+        {"1234\n12345\n123456789\nx\n", {"1234", "1234", "1234", "x"}},
+        {"12345", {"1234"}},
+        {"\xff\n\0a\r\n"s, {"\xff", "\0a\r"s}}, // neither the byte that looks like the end nor a zero is one
+    };
+    for (const auto& row : rows) {
+        const UniqueFile file(tmpfile());
+        ASSERT_EQ(fwrite(row.text.data(), 1, row.text.size(), file.get()), row.text.size());
+        rewind(file.get());
+        std::vector<std::string> lines;
+        for (std::string line; read_line(file.get(), line, 4);)
+            lines.push_back(line);
+        EXPECT_EQ(lines, row.lines) << row.text;
+    }
 }
 
 TEST(Os, EndOfProcessFlushesAndKeepsTheStatus)

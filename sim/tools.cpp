@@ -1,0 +1,240 @@
+#include "tools.h"
+
+#include <array>
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+namespace sim {
+
+namespace {
+
+// What a tool does, apart from being noted.
+enum class Play { insert, remove, nothing, real };
+
+struct Row {
+    std::string_view name;
+    Play play;
+};
+
+constexpr Row rows[] = {
+    {"insmod", Play::insert}, {"rmmod", Play::remove}, {"start", Play::nothing},
+    {"stop", Play::nothing},  {"chown", Play::real},   {"chmod", Play::real},
+};
+
+// From the tool: whether its first argument is a file, then its words, each with a zero behind it.
+// To the tool: an order, its exit status, a text for standard error. After `run_real` it sends one byte, the status of
+// the real tool, and is told `exit`.
+enum Order : uint8_t { order_exit, order_run_real };
+constexpr size_t longest_message = 65536;
+
+constexpr const char* socket_in_sandbox = "/dev/socket/tablet";
+
+sockaddr_un address(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("too long for a socket: " + path);
+    std::ranges::copy(path, std::begin(address.sun_path));
+    return address;
+}
+
+Fd new_socket(int flags)
+{
+    return Fd(must(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0), "socket"));
+}
+
+template <typename Function>
+int with_address(Function function, const Fd& socket, const std::string& path)
+{
+    const sockaddr_un where = address(path);
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): how sockets take their addresses
+    return function(socket.get(), reinterpret_cast<const sockaddr*>(&where), socklen_t{sizeof where});
+}
+
+bool below_sys(std::string_view path)
+{
+    return path == "/sys" || path.starts_with("/sys/");
+}
+
+uint8_t run_real_tool(std::vector<std::string>& words)
+{
+    const std::vector<char*> arguments = argument_vector(words);
+    constexpr uint8_t not_found = 127, killed = 1;
+    pid_t child = -1;
+    const std::string program = "/usr/bin/" + words.front();
+    if (posix_spawn(&child, program.c_str(), nullptr, nullptr, arguments.data(), environ) != 0)
+        return not_found;
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return killed;
+    return static_cast<uint8_t>(WEXITSTATUS(status));
+}
+
+std::string joined(const std::vector<std::string>& words)
+{
+    std::string line;
+    for (const std::string& word : words)
+        line += (line.empty() ? "" : " ") + printable(word);
+    return line;
+}
+
+} // namespace
+
+std::vector<std::string> tool_names()
+{
+    std::vector<std::string> names;
+    for (const Row& row : rows)
+        names.emplace_back(row.name);
+    return names;
+}
+
+int call_tool(std::vector<std::string> words)
+{
+    words.front() = fs::path(words.front()).filename();
+    constexpr int failed = 1;
+    const auto fail = [&](const std::string& why) {
+        std::cerr << words.front() << ": " << why << '\n';
+        return failed;
+    };
+    const Fd line = new_socket(0);
+    // A tablet that has stopped to answer does not hold its tools for ever.
+    const timeval patience{60, 0};
+    must(setsockopt(line.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), "socket");
+    if (with_address(connect, line, socket_in_sandbox) != 0)
+        return fail("nothing serves this tablet: start virtual_tablet serve");
+
+    std::error_code none;
+    const bool is_file = words.size() > 1 && fs::is_regular_file(words[1], none);
+    std::string message(1, is_file ? '\1' : '\0');
+    for (const std::string& word : words)
+        message += word + '\0';
+    if (send(line.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0)
+        return fail("nothing serves this tablet any more");
+
+    std::array<uint8_t, longest_message> answer{};
+    while (true) {
+        const ssize_t count = recv(line.get(), answer.data(), answer.size(), 0);
+        constexpr ssize_t head = 2;
+        if (count < head)
+            return fail("nothing serves this tablet any more");
+        if (answer[0] == order_exit) {
+            std::cerr << text_of(View(answer).subspan(head, static_cast<size_t>(count - head)));
+            return answer[1];
+        }
+        const uint8_t status = run_real_tool(words);
+        (void)send(line.get(), &status, 1, MSG_NOSIGNAL);
+    }
+}
+
+ToolFailure ToolFailure::parse(std::string_view given)
+{
+    const size_t colon = std::min(given.find(':'), given.size());
+    const std::string_view tool = given.substr(0, colon);
+    if (std::ranges::find(rows, tool, &Row::name) == std::end(rows))
+        throw UsageError("no tool that can fail: " + std::string(given));
+    return {std::string(tool), std::string(given.substr(std::min(colon + 1, given.size())))};
+}
+
+Tools::Tools(const fs::path& root, std::vector<ToolFailure> failures, const Modules& modules, Modem& modem,
+             const Journal& journal)
+    : listener_(new_socket(SOCK_NONBLOCK)), failures_(std::move(failures)), modules_(modules), modem_(modem),
+      journal_(journal)
+{
+    // An address holds only a short path, and the tablet may stand anywhere.
+    const fs::path path = root / fs::path(socket_in_sandbox).relative_path();
+    fs::create_directories(path.parent_path());
+    fs::remove(path);
+    const Fd directory(must(open(path.parent_path().c_str(), O_PATH | O_CLOEXEC), path));
+    const fs::path way = fs::path("/proc/self/fd") / std::to_string(directory.get()) / path.filename();
+    must(with_address(bind, listener_, way), path);
+    constexpr int backlog = 64;
+    must(listen(listener_.get(), backlog), path);
+}
+
+void Tools::watch(std::vector<pollfd>& watched) const
+{
+    watched.push_back({listener_.get(), POLLIN, 0});
+    for (const Call& call : calls_)
+        watched.push_back({call.line.get(), POLLIN, 0});
+}
+
+void Tools::serve()
+{
+    for (int line = -1; (line = accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
+        calls_.push_back({Fd(line), {}});
+    for (Call& call : calls_)
+        answer(call);
+    std::erase_if(calls_, [](const Call& call) { return call.over; });
+}
+
+void Tools::answer(Call& call)
+{
+    Bytes message(longest_message);
+    const ssize_t count = recv(call.line.get(), message.data(), message.size(), MSG_TRUNC);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR))
+        return;
+    if (count <= 0) {
+        call.over = true;
+        return;
+    }
+    if (!call.waiting.empty())
+        return end(call, call.waiting, {message[0], {}});
+
+    Words words;
+    const std::string text =
+        text_of(View(message).first(std::min(message.size(), static_cast<size_t>(count))).subspan(1));
+    for (const std::string_view word : split(text, '\0'))
+        words.emplace_back(word);
+    words.pop_back(); // behind the last zero
+    const auto* const row = words.empty() ? std::end(rows) : std::ranges::find(rows, words.front(), &Row::name);
+    if (static_cast<size_t>(count) > message.size() || row == std::end(rows))
+        return end(call, {"a tool"}, {1, "virtual_tablet: this is not how a tool calls\n"});
+
+    const auto asked_for = [&](const ToolFailure& failure) {
+        return failure.tool == words.front() &&
+               (failure.file.empty() || failure.file == fs::path(words.back()).filename());
+    };
+    if (std::ranges::any_of(failures_, asked_for))
+        return end(call, words, {1, words.front() + ": fails, as it was asked to with --fail\n"});
+    if (row->play == Play::real && std::ranges::none_of(words, below_sys)) {
+        call.waiting = words;
+        const std::array<uint8_t, 2> order{order_run_real, 0};
+        (void)send(call.line.get(), order.data(), order.size(), MSG_NOSIGNAL);
+        return;
+    }
+    end(call, words, play(words, message[0] != 0));
+}
+
+Tools::Outcome Tools::play(const Words& words, bool is_file)
+{
+    const Play play = std::ranges::find(rows, words.front(), &Row::name)->play;
+    if (play == Play::nothing || play == Play::real)
+        return {};
+    if (words.size() < 2)
+        return {1, words.front() + ": which module?\n"};
+    const bool inserts = play == Play::insert;
+    const std::string name = module_name(words[1]);
+    const std::string why = inserts && !is_file ? "No such file or directory"
+                            : inserts           ? modules_.insert(name)
+                                                : modules_.remove(name);
+    if (!why.empty())
+        return {1, words.front() + (inserts ? ": can't insert '" : ": can't unload '") + words[1] + "': " + why + "\n"};
+    modem_.follow_modules();
+    return {};
+}
+
+void Tools::end(Call& call, const Words& words, const Outcome& outcome) const
+{
+    journal_.note("ran " + joined(words) + ": " + std::to_string(outcome.status));
+    const std::string answer = std::string{order_exit, static_cast<char>(outcome.status)} + outcome.message;
+    (void)send(call.line.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    call.over = true;
+}
+
+} // namespace sim
