@@ -123,10 +123,13 @@ Chunk find_chunk(const std::string& file_name, uint32_t tag, const char* block)
         log_error("Not a valid NV backup file");
         return {};
     }
-    for (uint32_t i = 0; i < header.chunks && feof(file.get()) == 0; ++i) {
+    for (uint32_t i = 0; i < header.chunks; ++i) {
         const NvChunkHeader chunk = read_nv_chunk_header(file.get());
         if (chunk.tag == tag)
             return {std::move(file), chunk};
+        // Looked at before the seek, which forgets it: the file may claim billions of chunks.
+        if (feof(file.get()) != 0)
+            break;
         (void)fseeko(file.get(), chunk.size, SEEK_CUR);
     }
     log_error("!!!Not found %s block", block);
