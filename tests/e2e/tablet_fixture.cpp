@@ -1,5 +1,6 @@
 #include "tests/e2e/tablet_fixture.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -222,11 +223,16 @@ Texts OnTablet::actions()
     return texts;
 }
 
-void OnTablet::wait_for_journal(const std::string& text) const
+void OnTablet::wait_for_journal(const std::string& text, size_t count) const
 {
+    const auto holds_text = [&](const std::string& line) { return line.find(text) != std::string::npos; };
     EXPECT_TRUE(wait_until(modem_deadline,
-                           [&] { return slurp(root() + "/modem/journal.txt").find(text) != std::string::npos; }))
-        << "never in the journal: " << text;
+                           [&] {
+                               const Texts lines = journal();
+                               return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds_text)) >=
+                                      count;
+                           }))
+        << "not in the journal: " << count << " times " << text;
 }
 
 Texts OnTablet::complaints()

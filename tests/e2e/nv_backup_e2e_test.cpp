@@ -1,0 +1,364 @@
+// NV backups, restores and golden copies of a virtual modem: what stands in the file, and what becomes of one.
+#include "platform/os.h"
+#include "tests/e2e/nv_fixture.h"
+#include "wan_dloader/nv_tables.h"
+
+#include <regex>
+
+namespace fs = std::filesystem;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+using namespace std::string_literals;
+
+namespace {
+
+using NvBackup = NvOnTablet;
+
+using Files = std::map<std::string, std::string>;
+
+const std::string item_files = "nv/item_files/";
+const std::string radio_files = item_files + "rfnv/";
+
+// A modem that has everything that the tables name.
+class FullModem : public NvOnTablet {
+protected:
+    void SetUp() override
+    {
+        NvOnTablet::SetUp();
+        if (HasFatalFailure() || IsSkipped())
+            return;
+        std::string rows;
+        for (const NvItemRow& row : NvItemList)
+            rows += std::to_string(row.item) + " " + std::to_string(row.size) + " " + std::to_string(row.index) + "\n";
+        write_file("/rows", rows);
+        const std::string folder = root() + "/full";
+        ASSERT_EQ(run_shell("%s %s/rows %s", FULL_MODEM_SCRIPT, root().c_str(), folder.c_str()), 0);
+        modem("normal", {"--nv", folder + "/nv.txt", "--efs", folder + "/efs"});
+        nv = all_in("nv");
+        efs = all_in("efs");
+    }
+
+    // The items are still there, but zero, and the files are not.
+    void wipe() const
+    {
+        Files zero = nv;
+        for (auto& [name, text] : zero)
+            text = std::regex_replace(text, std::regex("( [0-9A-F]{2})+\n"), "\n");
+        fill("nv", zero);
+        fill("efs", {});
+    }
+
+    Files nv, efs;
+};
+
+// A modem with little in it.
+class SmallModem : public NvOnTablet {
+protected:
+    const Files nv = {{"00000", "0: 01 02 03\n"}, {"00010", "10: FF\n"}};
+    const Files efs = {{item_files + "jcdma/jcdma_mode", "\x04"}};
+    const std::string saved = backup_file({{nv_items, {nv_record(0, "\1\2\3"), nv_record(10, "\xFF")}},
+                                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
+                                           {efs_files, {}}});
+
+    void fill_all() const
+    {
+        fill("nv", nv);
+        fill("efs", efs);
+    }
+
+    void wipe() const
+    {
+        fill("nv", {});
+        fill("efs", {});
+    }
+
+    // Runs an operation with a file system of its own as /data, on which `folder` has what is before and afterwards.
+    static std::string in_own_data(const std::string& folder, const std::string& disk)
+    {
+        return "unshare -rm sh -c 'mount -t tmpfs none /data && cp -r " + folder + "/before/. /data && " + disk +
+               " && %; status=$?; cp /data/* " + folder + "/after; exit $status'";
+    }
+
+    void expect_restored() const
+    {
+        EXPECT_EQ(all_in("nv"), nv);
+        EXPECT_EQ(all_in("efs"), efs);
+    }
+};
+
+} // namespace
+
+TEST_F(FullModem, IsTheSameAfterBackupLossAndRestore)
+{
+    ASSERT_EQ(nv.size(), 1360U);
+    ASSERT_EQ(efs.size(), 188U + 8 + 1); // and the list of types
+    const Job save = queue("-nb"), restore = queue("-nr"), save_again = queue("-nb");
+    EXPECT_THAT(complaints_of(take_turn(save)), IsEmpty());
+    EXPECT_EQ(requests().size(), 1 + 1489 + 2 + 189 * 2 + 2 + 8 * 4 + 2); // two files are longer than a piece
+    const std::string saved = read_file(backup);
+
+    wipe();
+    EXPECT_THAT(complaints_of(take_turn(restore, true)), IsEmpty());
+    EXPECT_EQ(all_in("nv"), nv);
+    EXPECT_EQ(all_in("efs"), efs);
+    EXPECT_EQ(read_file(backup), saved);
+
+    EXPECT_THAT(complaints_of(take_turn(save_again)), IsEmpty());
+    EXPECT_EQ(read_file(backup), saved);
+}
+
+// What follows a long item file in its chunk is lost, no more: the record says more bytes than it holds.
+TEST_F(FullModem, LosesWhatFollowsALongItemFile)
+{
+    constexpr size_t row = 156;
+    const std::string path = NvItemFileList[row].path, name = path.substr(1);
+    const Job save = queue("-nb"), restore = queue("-nr");
+    write_file("/modem/efs" + path, pattern(600, 1));
+    EXPECT_THAT(complaints_of(take_turn(save)),
+                ElementsAre("W " + path + ": saved 512 of 600 bytes, cannot be restored from this backup",
+                            "E NV backup file ends inside record 157"));
+    wipe();
+    EXPECT_THAT(complaints_of(take_turn(restore, true)), ElementsAre("E NV backup file ends inside record 157"));
+    EXPECT_EQ(all_in("nv"), nv);
+    Files restored;
+    for (const NvFileRow& file : NvItemFileList.first(row))
+        restored[file.path + 1] = efs[file.path + 1];
+    for (const NvFileRow& file : EFSFileList)
+        restored[file.path + 1] = efs[file.path + 1];
+    Files found = all_in("efs");
+    found.erase(".types");
+    EXPECT_EQ(found[name].substr(0, 512), pattern(512, 1));
+    found.erase(name);
+    EXPECT_EQ(found, restored);
+}
+
+// What is stored, byte for byte, and why the rest is not; what happens on the way, in order.
+TEST_F(NvBackup, HoldsWhatTheModemGave)
+{
+    // Replies: to the offline request, items, hello, query, radio files; then two to each file that there is.
+    const size_t before = 1 + NvItemList.size() + 2 + 153;
+    const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
+        return " --fault " + word + "@" + std::to_string(reply) + argument;
+    };
+    modem("normal" + fault("error", 7, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
+          fault("drop", before + 14) + fault("refuse", before + 56, ":13") + fault("refuse", before + 60, ":16"));
+    fill("nv", {{"00000", "0: 07\n"},
+                {"00005", "5: status 7 01\n"},
+                {"00010", "10: status 1 01\n"},
+                {"00018", "18: status 11 01\n"},
+                {"00020", "20/0: AA BB\n20/1: CC\n"}});
+    const std::string item = pattern(512, 1), regular = pattern(600, 2);
+    const Texts regular_files = {"/nv/item_files/rfnv/00020133", "/nv/item_files/rfnv/00022960",
+                                 "/nv/item_files/rfnv/00022967", "/nv/item_files/rfnv/00022975"};
+    std::string types = "regular /nv/item_files/mcs/tcxomgr/tcxo_mode\n";
+    for (const std::string& path : regular_files)
+        types += "regular " + path + "\n";
+    fill("efs", {{".types", types},
+                 {item_files + "jcdma/jcdma_mode", item},
+                 {item_files + "mcs/tcxomgr/field_cal_version", ""},
+                 {item_files + "mcs/tcxomgr/tcxo_mode", "x"},
+                 {item_files + "mcs/tcxomgr/xo_factory_cal_debug/x", "x"},
+                 {item_files + "modem/mmode/ue_usage_setting", "x"},
+                 {item_files + "modem/qmi/cat/qmi_cat_mode", "\x02"},
+                 {item_files + "modem/uim/gstk/tp_clients", "x"},
+                 {item_files + "modem/uim/uimdrv/hotswap_card_inserted_level", "x"},
+                 {radio_files + "00020090", "x"},
+                 {radio_files + "00020133", regular},
+                 {radio_files + "00022960", ""},
+                 {radio_files + "00022967", "x"},
+                 {radio_files + "00022975", regular}});
+
+    // The daemon is started in the background, so the command stays until that is done.
+    const Job job = start("mkfifo go && tessel wan_dloader -nb; status=$?; cat go; exit $status");
+    wait_for_journal("ran stop");
+    wait_for_journal("ran start");
+    std::ofstream(root() + "/data/go") << "";
+    const auto r = finish(job);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(complaints_of(r),
+                ElementsAre("W NV item (5): Parameter is write-protected and thus read-only.",
+                            "W NV item (10): Request is queued.", "E Timeout!", "W NV item (18): Unknown status - 11",
+                            "W Bad SPC for NV item 20", "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
+                            "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
+                            "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff",
+                            "E Permission denied.", "W Skip /nv/item_files/modem/mmode/ue_usage_setting",
+                            "W Seq number is not matched: in - 4, out - 5",
+                            "W Skip /nv/item_files/modem/uim/gstk/tp_clients", "E Timeout!",
+                            "W Skip /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
+                            "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
+                            "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
+                            "W Failed to read /nv/item_files/rfnv/00022975, skip it!"));
+    EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  642\n");
+
+    // The item that was refused for want of the programming code has the bytes of the request.
+    const std::string mode = file_record("/nv/item_files/modem/qmi/cat/qmi_cat_mode", "\x02");
+    EXPECT_EQ(read_file(backup),
+              backup_file({{nv_items, {nv_record(0, "\x07"), nv_record(20, "\0\xAA\xBB"s), nv_record(20, "\1")}},
+                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", item), mode, mode}},
+                           {efs_files, {file_record(regular_files[0], regular), file_record(regular_files[1], "")}}}));
+
+    std::string sequences;
+    for (const std::string& request : requests())
+        if (request.find(": 4B 13 27") != std::string::npos)
+            sequences += request.substr(request.find(": ") + 2 + size_t{12} * 3, 3);
+    EXPECT_EQ(sequences, "00 01 02 03 04 06 07 ");
+    Texts done = journal();
+    std::erase_if(done, [](const std::string& line) {
+        return !line.starts_with("ran ") && !line.starts_with("state ") && !line.ends_with(" 29 00 00");
+    });
+    EXPECT_THAT(done, ElementsAre("state normal", "ran stop ril-daemon: 0", "request ttyUSB0 3: 29 00 00",
+                                  "state offline", "ran start ril-daemon: 0"));
+    EXPECT_EQ(journal().back(), done.back());
+    const Texts records = r.records();
+    EXPECT_THAT(
+        Texts(records.end() - 20, records.end()),
+        ElementsAre("I >>> Start verifying nvbackup file ...", "I Total chunks: 3", "I >>> 3",
+                    "I NV Item chunk:", "I \tNV items: 3", "I \tTotal size: 390", "I >>> 2",
+                    "I NV Item File chunk:", "I \tNV item files: 3", "I \tTotal size: 642",
+                    "I    0 /nv/item_files/jcdma/jcdma_mode", "I    1 /nv/item_files/modem/qmi/cat/qmi_cat_mode",
+                    "I    2 /nv/item_files/modem/qmi/cat/qmi_cat_mode", "I >>> 1",
+                    "I EFS File chunk:", "I \tEFS files: 2", "I \tTotal size: 666", "I    0 " + regular_files[0],
+                    "I    1 " + regular_files[1], "I >>> Completed nvbackup file verifying: OK"));
+}
+
+// Each operation has a /data of its own, so that what it finds there is not what another one did.
+TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
+{
+    modem("normal");
+    fill_all();
+    const std::string name = "nvbackup_golden.bin", parked = name + "tmp", fresh = saved, old = "old", half = "half";
+    const std::string missing = "E fopen "s + golden + ": No such file or directory";
+    const Texts no_room = {"E Failed to write "s + golden + ": No space left on device",
+                           "E NV backup file size is not correct! expected: 28, actual: 0",
+                           "E NV backup file size is not correct! expected: 40, actual: 0",
+                           "E Not a valid NV backup file"};
+    const std::string undone = "W Putting back the golden copy of a renewal that was cut short";
+    const struct {
+        const char* options;
+        const char* disk;
+        Files before, after;
+        Texts complaints;
+        bool asks, resets;
+    } rows[] = {
+        {"-ng", "true", {}, {{name, fresh}}, {}, true, false},
+        {"-ng", "true", {{name, old}}, {{name, old}}, {}, false, false},
+        {"-fng", "true", {{name, old}}, {{name, fresh}}, {}, true, false},
+        {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room, true, false},
+        {"-fng",
+         "mount -o remount,ro /data",
+         {{name, old}},
+         {{name, old}},
+         {"E Failed to set the golden copy aside, it stays as it is"},
+         false,
+         false},
+        {"-ng",
+         "mount -o remount,ro /data",
+         {},
+         {},
+         {"E fopen "s + golden + ": Read-only file system", missing, missing, missing},
+         true,
+         false},
+        {"-ng", "true", {{name, half}, {parked, old}}, {{name, old}}, {undone}, false, false},
+        {"-nG", "true", {{name, half}, {parked, fresh}}, {{name, fresh}}, {undone}, true, true},
+        {"-nG", "true", {}, {}, {missing, missing, missing}, true, true},
+    };
+    std::vector<Job> jobs;
+    for (const auto& row : rows) {
+        const std::string folder = "/sdcard/" + std::to_string(jobs.size());
+        fs::create_directories(root() + folder + "/before");
+        fs::create_directories(root() + folder + "/after");
+        for (const auto& [file, bytes] : row.before)
+            write_file(folder + "/before/" + file, bytes);
+        jobs.push_back(queue(row.options, in_own_data(folder, row.disk)));
+    }
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        SCOPED_TRACE(i);
+        const size_t asked = requests().size();
+        const auto r = take_turn(jobs[i], rows[i].resets);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(complaints_of(r), rows[i].complaints);
+        EXPECT_EQ(files_in("/sdcard/" + std::to_string(i) + "/after"), rows[i].after);
+        EXPECT_EQ(requests().size() != asked, rows[i].asks);
+    }
+    expect_restored();
+}
+
+// The modem goes away between two files: what was complete is on the disk, and the next run uses it.
+TEST_F(SmallModem, GoesAwayAmongTheFiles)
+{
+    modem("normal --fault unplug@" + std::to_string(1 + NvItemList.size() + 2 + 153 + 2));
+    const Job save = queue("-nb"), restore = queue("-nr");
+    fill_all();
+    const auto r = take_turn(save);
+    EXPECT_EQ(r.status, 69);
+    EXPECT_THAT(r.errors(), Contains("Error in pktio_send_packet()"));
+    wipe();
+    (void)run("echo 2 >/sys/wan/power");
+    EXPECT_THAT(complaints_of(take_turn(restore, true)),
+                ElementsAre("E !!!Not found NV item file block", "E !!!Not found EFS file block"));
+    EXPECT_EQ(all_in("nv"), nv);
+    EXPECT_EQ(all_in("efs"), Files{});
+}
+
+// It goes away among the items: none counts, and the old golden copy stays where the next run looks for it.
+TEST_F(SmallModem, GoesAwayAmongTheItems)
+{
+    modem("normal --fault unplug@50");
+    fill_all();
+    write_file(golden, "old");
+    const auto r = run("tessel wan_dloader -fng");
+    EXPECT_EQ(r.status, 69);
+    EXPECT_THAT(r.errors(), Contains("Error in pktio_send_packet()"));
+    Files left = files_in("/data");
+    EXPECT_EQ(left["nvbackup_golden.bintmp"], "old");
+    EXPECT_THAT(left["nvbackup_golden.bin"], StartsWith(backup_file({{nv_items, {}}}) + nv_record(0, "\1\2\3")));
+    EXPECT_EQ(left.size(), 2U);
+}
+
+TEST_F(SmallModem, BackupThatCannotBeWrittenIsNone)
+{
+    modem("normal");
+    const Job full = queue("-nb"), folder = queue("-nb");
+    fill_all();
+    fs::create_symlink("/dev/full", root() + backup);
+    EXPECT_THAT(complaints_of(take_turn(full)),
+                ElementsAre("E Failed to write /data/nvbackup.bin: No space left on device",
+                            "E NV backup file size is not correct! expected: 28, actual: 0",
+                            "E NV backup file size is not correct! expected: 40, actual: 0",
+                            "E Not a valid NV backup file"));
+    fs::remove(root() + backup);
+    fs::create_directory(root() + backup);
+    const std::string refused = "E fopen /data/nvbackup.bin: Is a directory";
+    EXPECT_THAT(complaints_of(take_turn(folder)),
+                ElementsAre(refused, refused, refused, "E Not a valid NV backup file"));
+}
+
+// None of the operations finds its port, and a renewal puts the old golden copy back.
+TEST_F(SmallModem, IsNotWhereItIsAwaited)
+{
+    modem("normal");
+    write_file(golden, saved);
+    write_file("/data/update", "NV ITEM=10, INDEX=0\n");
+    const std::string timeout = "W Timeout: DIAG port (/dev/none) doesn't exist";
+    const std::pair<const char*, Texts> operations[] = {
+        {"-fng", {timeout}},
+        {"-nb", {timeout}},
+        {"-nr", {timeout, "E Timeout: DIAG port (/dev/none) is not ready"}},
+        {"-nUupdate", {timeout}},
+        {"-nF/x", {timeout}},
+        {"-nD/x", {timeout}},
+    };
+    std::vector<Job> jobs;
+    for (const auto& [options, complaints] : operations)
+        jobs.push_back(start("tessel wan_dloader -P /dev/none "s + options));
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        const auto r = finish(jobs[i]);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(complaints_of(r), operations[i].second);
+    }
+    EXPECT_THAT(requests(), ElementsAre("4: 4B 00 44 00")); // the update asks which modem it is
+    EXPECT_EQ(data(), (Texts{"nvbackup_golden.bin", "update"}));
+    EXPECT_EQ(read_file(golden), saved);
+}
