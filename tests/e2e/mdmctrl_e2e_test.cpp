@@ -3,11 +3,12 @@
 #include "tests/e2e/scenario.h"
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <optional>
 
 namespace fs = std::filesystem;
-using namespace std::string_literals;
+using namespace std::literals;
 
 namespace {
 
@@ -49,12 +50,12 @@ std::string with_files(const std::string& power, const std::string& link, const 
 const Scenario power_scenarios[] = {
     {"WanonFromCold", "off", tool + "wanon", 0, ready, on},
     {"WanonWhenItIsUp", "normal", tool + "WANON", 0, ready, on},
-    {"WanontphWhenItComesLate", "off --power-up 8000", tool + "WaNonTPH", 0, ready, on},
+    {"WanontphWhenItComesLate", "off --power-up 27000", tool + "WaNonTPH", 0, ready, on},
     {"WanonAfterDownloadMode", "off --boot crashed,normal", tool + "wanon", 0, ready_after_reset, on + Texts{reset}},
     {"WanonAfterSilence", "off --boot never,normal", tool + "wanon", 0, ready_after_reset, on + Texts{reset}},
     {"WanonInDownloadMode", "off --boot crashed", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
     {"WanonWithOneAtPort", "off --boot partial", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
-    {"WanonInVain", "off --boot never", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
+    {"WanonWhenItComesTooLate", "off --power-up 33000", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
     {"QmionFromCold", "off", tool + "qmion", 0, {"I power_qmi_on"}, on},
     {"QmionAfterDownloadMode", "off --boot crashed,normal", tool + "qmion", 0,
      {"I power_qmi_on", "W qmion failed, resetting"}, on + Texts{reset}},
@@ -208,6 +209,17 @@ TEST_F(OnTablet, MdmctrlTakesItsFirstWordsOnly)
         EXPECT_EQ(r.status, row.status);
         EXPECT_EQ(r.out, row.out);
         EXPECT_EQ(actions(), row.actions);
+    }
+}
+
+// The link is not switched before the power has settled, also of a modem that is up.
+TEST_F(OnTablet, MdmctrlTakesASecondBetweenPowerAndLink)
+{
+    modem("normal --power-up 0");
+    for (const std::string command : {"wanon", "qmion", "wanreset"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(run("tessel mdmctrl " + command).status, 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 1s) << command;
     }
 }
 
