@@ -113,6 +113,8 @@ const Scenario module_scenarios[] = {
     {"LoadallKeepsFromTheRadioUserWhatItCannotGive", "off --fail chown --fail chmod", tool + "loadall", 0, {},
      {"ran chown radio.radio /sys/wan/power /sys/wan/usben: 1", "ran chmod 660 /sys/wan/power /sys/wan/usben: 1"}},
     {"LoadallUnreadable", "off --modules none", "rm /proc/modules; " + tool + "loadall", 1, unreadable, {}},
+    {"LoadallFromNoFile", "off", "rm /proc/modules; mkdir /proc/modules; " + tool + "loadall", 1,
+     {"E File open failed: Is a directory"}, {}},
     {"Loadusb", "off --modules none", tool + "loadusb", 0, {},
      {insmod("usbserial"), insmod("usb_wwan"), insmod("ehci-hcd"), insmod("option")}},
     {"Loadqmi", "off --modules none", tool + "loadqmi", 0, {}, {insmod("rmnet_usb")}},
