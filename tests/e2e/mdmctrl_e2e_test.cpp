@@ -170,7 +170,7 @@ TEST_P(Mdmctrl, Does)
     play();
 }
 
-TEST_F(OnTablet, MdmctrlTakesItsFirstWordsOnly)
+TEST_F(OnPoweredTablet, MdmctrlTakesItsFirstWordsOnly)
 {
     const std::string echo = "DEBUG:#stdout ON#\n";
     const std::string unknown = "WARNING:#Invalid modem control command: ";
@@ -215,7 +215,7 @@ TEST_F(OnTablet, MdmctrlTakesItsFirstWordsOnly)
 }
 
 // The link is not switched before the power has settled, also of a modem that is up.
-TEST_F(OnTablet, MdmctrlTakesASecondBetweenPowerAndLink)
+TEST_F(OnPoweredTablet, MdmctrlTakesASecondBetweenPowerAndLink)
 {
     modem("normal --power-up 0");
     for (const std::string command : {"wanon", "qmion", "wanreset"}) {
@@ -226,7 +226,7 @@ TEST_F(OnTablet, MdmctrlTakesASecondBetweenPowerAndLink)
 }
 
 // What the kernel says in its files, and what it could not say.
-class MdmctrlFiles : public OnTablet {
+class MdmctrlFiles : public OnPoweredTablet {
 protected:
     // Puts a file there, or takes it away.
     void place(const std::string& path, const std::optional<std::string>& text) const

@@ -55,7 +55,7 @@ TEST_P(System, Does)
     play();
 }
 
-TEST_F(OnTablet, SystemAppletsLeaveAWifiOnlyUnitAlone)
+TEST_F(OnPoweredTablet, SystemAppletsLeaveAWifiOnlyUnitAlone)
 {
     const struct {
         std::string command;
@@ -99,7 +99,7 @@ struct Line {
     std::vector<Call> calls;
 };
 
-class SystemLines : public OnTablet {
+class SystemLines : public OnPoweredTablet {
 protected:
     // All on one tablet, without modules at first.
     void play(const std::string& applet, const std::vector<Line>& lines)
