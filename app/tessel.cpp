@@ -66,6 +66,7 @@ const Applet* find_applet(const char* name)
 int main(int argc, char** argv)
 {
     keep_standard_descriptors();
+    keep_child_statuses();
     if (argc <= 1) {
         log_error("Missing applet name");
         tessel_usage(argc == 1 ? argv[0] : "tessel");

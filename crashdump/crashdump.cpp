@@ -403,7 +403,8 @@ int32_t crashdump_main(int32_t argc, char** argv, const Applet* /*row*/)
 
     struct stat file_status {};
     if (stat(s_crashdump_path.c_str(), &file_status) != 0)
-        (void)run_shell("mkdir -p %s", shell_quote(s_crashdump_path).c_str()); // its failure shows when a file is made
+        (void)run_shell("mkdir -p %s",
+                        shell_quote_path(s_crashdump_path).c_str()); // its failure shows when a file is made
     if (stat(s_port.c_str(), &file_status) != 0) {
         log_error("port: %s isn't found.", s_port.c_str());
         return status_no_port;

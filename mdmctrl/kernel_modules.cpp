@@ -2,12 +2,11 @@
 
 #include "app/applet_log.h"
 #include "app/wan_common.h"
+#include "mdmctrl/command_line.h"
 #include "platform/os.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <string_view>
-#include <sys/stat.h>
 
 namespace {
 
@@ -21,7 +20,7 @@ struct KernelModule {
     bool loaded = false;
 };
 
-// In the order of loading; each one needs those above it.
+// In the order of loading: what a module needs stands above it.
 KernelModule usb_modules[] = {
     {"usbserial.ko", "usbserial"},
     {"usb_wwan.ko", "usb_wwan"},
@@ -40,6 +39,8 @@ constexpr int32_t usb_modules_err[] = {20, 21, 22, 19};
 constexpr int32_t qmi_modules_err[] = {27};
 constexpr int32_t bwan_module_err[] = {18};
 static_assert(std::size(usb_modules) == std::size(usb_modules_err));
+static_assert(std::size(qmi_modules) == std::size(qmi_modules_err));
+static_assert(std::size(bwan_module) == std::size(bwan_module_err));
 
 // Every table there is.
 constexpr std::span<KernelModule> module_tables[] = {bwan_module, usb_modules, qmi_modules};
@@ -95,8 +96,7 @@ std::string module_path(const std::string& name)
 
 int32_t is_kernel_module(const char* file_name)
 {
-    struct stat file_status {};
-    return stat((std::string(module_directory) + file_name).c_str(), &file_status) == 0 ? 1 : 0;
+    return path_exists(std::string(module_directory) + file_name) ? 1 : 0;
 }
 
 int32_t check_loaded_modules()
@@ -111,7 +111,10 @@ int32_t check_loaded_modules()
         std::string_view rest = line;
         mark_loaded(next_token(rest, " \t\r\v\f"));
     }
-    return 0;
+    if (ferror(file.get()) == 0)
+        return 0;
+    log_error("File open failed: %s", error_text(errno).c_str());
+    return 1;
 }
 
 int32_t load_module(const char* file_name)
@@ -166,25 +169,9 @@ int32_t load_modules(std::span<char* const> names)
 {
     int32_t result = 0;
     for (const char* name : names) {
-        const std::string command = "insmod " + shell_quote(module_path(name));
+        const std::string command = "insmod " + shell_quote_path(module_path(name));
         if (!command_fits(command) || run_shown(command) != 0)
             result = 1;
     }
     return result;
-}
-
-bool command_fits(const std::string& command)
-{
-    if (command.size() <= command_limit)
-        return true;
-    (void)printf("Command line is too long: %zu characters, at most %zu\n", command.size(), command_limit);
-    return false;
-}
-
-int32_t run_shown(const std::string& command)
-{
-    (void)puts(command.c_str());
-    const int32_t status = run_shell("%s", command.c_str());
-    (void)printf("ret=%d\n", status);
-    return status;
 }

@@ -6,15 +6,13 @@
 // has already fails them. Main thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
 
 // 1 when the module directory holds a file of this name, else 0.
 [[nodiscard]] int32_t is_kernel_module(const char* file_name);
 
-// Learns from /proc/modules what is loaded. 0, or 1 with an ERROR when that cannot be opened; then all stays as it was.
+// Learns from /proc/modules what is loaded. 0, or 1 with an ERROR when that cannot be opened or read.
 [[nodiscard]] int32_t check_loaded_modules();
 
 // Runs insmod on a file of the module directory. Raw status of system(); logs nothing.
@@ -30,11 +28,11 @@ int32_t unload_module(const char* module_name);
 [[nodiscard]] int32_t load_qmi_modules();
 [[nodiscard]] int32_t load_wan_module();
 
-// All three, then gives the power files to the radio user. 0, 1 when /proc/modules cannot be opened (ERROR), or the
+// All three, then gives the power files to the radio user. 0, 1 when /proc/modules cannot be read (ERROR), or the
 // first code of the above.
 [[nodiscard]] int32_t load_all_modules();
 
-// Unloads what is loaded, or everything when /proc/modules cannot be opened (ERROR), in the exact reverse order.
+// Unloads what is loaded, or everything when /proc/modules cannot be read (ERROR), in the exact reverse order.
 // Always 0; failures of rmmod are not looked at.
 int32_t unload_all_modules();
 
@@ -42,12 +40,3 @@ int32_t unload_all_modules();
 // where the command has no "." yet. Prints each command and its raw status. 0, or 1 when one failed or its command was
 // refused as too long; the rest is tried in any case.
 [[nodiscard]] int32_t load_modules(std::span<char* const> names);
-
-// Longest command line that is run for words from the command line, in characters.
-constexpr size_t command_limit = 511;
-
-// Whether a command line may be run. One that is longer than the limit is refused with a line on standard output.
-[[nodiscard]] bool command_fits(const std::string& command);
-
-// Prints `command` and runs it, then prints its raw status, which is returned.
-int32_t run_shown(const std::string& command);

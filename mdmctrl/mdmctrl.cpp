@@ -6,8 +6,8 @@
 //   -h   usage; only as the first word
 //
 // COMMAND is a row of supported_mdm_control_ops below, in any case of letters. Exit status: the command's result (see
-// MdmStatus, and kernel_modules.h for the module codes); 1 for an unknown command and for "power" without its argument,
-// 2 with the usage.
+// MdmStatus, and kernel_modules.h for the module codes); 1 for an unknown command, for "power" without its argument and
+// with a wrong one (and the usage), else 2 with the usage.
 //
 // Oddities kept on purpose, since callers live with them:
 //   - An unknown command says nothing.
@@ -34,7 +34,6 @@
 #include <string_view>
 #include <strings.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -78,36 +77,44 @@ constexpr UsbClass tablet_dload_class = {0xFF, 0x0B, 0x01}; // with the tablet m
 
 // A command has one of the handlers, or none: reserved, and not in the usage.
 struct MdmControlOp {
-    const char* name = nullptr;
-    int32_t (*handler)() = nullptr;
-    int32_t (*handler_of_word)(const char* word) = nullptr; // takes the argument
+    const char* name;
+    int32_t (*handler)();
+    int32_t (*handler_of_word)(const char* word); // takes the argument
 };
 
+// clang-format off
 constexpr MdmControlOp supported_mdm_control_ops[] = {
-    {"qmion", power_qmi_on},       {"wanon", power_wan_on},           {"wanoff", power_wan_off},
-    {"wanontph", power_wan_on},    {"wanreset", power_wan_reset},     {"wanrecover", power_wan_reset2},
-    {"devicewake", nullptr},       {"devicesleep", nullptr},          {"power", nullptr, power_wan},
-    {"loadall", load_all_modules}, {"unloadall", unload_all_modules}, {"loadusb", load_usb_modules},
-    {"loadwan", load_wan_module},  {"loadqmi", load_qmi_modules},     {"board_id", fetch_board_id},
-    {"ehci_reset", ehci_reset},    {"wanreset2", power_wan_reset2},
+    // name          handler               handler of a word
+    {"qmion",        power_qmi_on,         nullptr},
+    {"wanon",        power_wan_on,         nullptr},
+    {"wanoff",       power_wan_off,        nullptr},
+    {"wanontph",     power_wan_on,         nullptr},
+    {"wanreset",     power_wan_reset,      nullptr},
+    {"wanrecover",   power_wan_reset2,     nullptr},
+    {"devicewake",   nullptr,              nullptr},
+    {"devicesleep",  nullptr,              nullptr},
+    {"power",        nullptr,              power_wan},
+    {"loadall",      load_all_modules,     nullptr},
+    {"unloadall",    unload_all_modules,   nullptr},
+    {"loadusb",      load_usb_modules,     nullptr},
+    {"loadwan",      load_wan_module,      nullptr},
+    {"loadqmi",      load_qmi_modules,     nullptr},
+    {"board_id",     fetch_board_id,       nullptr},
+    {"ehci_reset",   ehci_reset,           nullptr},
+    {"wanreset2",    power_wan_reset2,     nullptr},
 };
+// clang-format on
 static_assert(std::size(supported_mdm_control_ops) == 17);
 
 // Neither waits for a carrier nor takes the port as a controlling terminal.
-bool can_open(const char* port)
+bool can_open(const std::string& port)
 {
-    const UniqueFd fd(open(port, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd fd(open(port.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     return fd.get() > 0;
 }
 
-bool exists(const char* path)
-{
-    struct stat file_status {};
-    return stat(path, &file_status) == 0;
-}
-
 // Asks once a second until `there(path)`. 0, or 25 when the time is over.
-int32_t poll_for(bool (*there)(const char*), const char* path)
+int32_t poll_for(bool (*there)(const std::string&), const char* path)
 {
     for (int i = 0; i < polls; ++i) {
         if (there(path))
@@ -129,17 +136,13 @@ void switch_on()
 
 int32_t mdmctrl_main(int32_t argc, char** argv, const Applet* /*row*/)
 {
-    if (argc <= 1 || std::string_view(argv[1]) == "-h") {
-        mdmctrl_usage();
-        return MDM_USAGE;
-    }
     int32_t first = 1;
-    if (std::string_view(argv[1]) == "-o") {
+    if (argc > 1 && std::string_view(argv[1]) == "-o") {
         tessel_stdout_on_off(1);
         log_debug("stdout ON");
         ++first;
     }
-    if (first == argc) {
+    if (first == argc || std::string_view(argv[1]) == "-h") {
         mdmctrl_usage();
         return MDM_USAGE;
     }
@@ -230,7 +233,7 @@ int32_t check_modem_on()
 
 int32_t check_modem_rmnet0_on()
 {
-    return poll_for(exists, mdm_rmnet0_if);
+    return poll_for(path_exists, mdm_rmnet0_if);
 }
 
 MdmMode get_modem_mode()
@@ -340,14 +343,14 @@ int32_t power_wan_recover()
 int32_t ehci_reset()
 {
     log_info("TESSEL: %s", "ehci_reset");
-    if (!exists(bwan_device))
+    if (!path_exists(bwan_device))
         return 0;
     const UniqueFd device(open(bwan_device, O_RDWR | O_CLOEXEC));
     if (!device.valid()) {
         log_error("TESSEL: %s: Not supported", "ehci_reset");
         return MDM_FAILED;
     }
-    if (ioctl(device.get(), bwan_reset_host, 0) != 0)
+    if (ioctl(device.get(), bwan_reset_host, 0UL) != 0)
         log_error("TESSEL: %s: Invalid command", "ehci_reset");
     return 0;
 }

@@ -46,12 +46,12 @@ int32_t usb_control(const char* word);
 [[nodiscard]] int32_t check_modem_on();
 [[nodiscard]] int32_t check_modem_rmnet0_on();
 
-// The modem's mode by its USB ids and the class of its interface 0, both logged at INFO. Unknown when they cannot be
-// read (ERROR where a file is at fault).
+// The modem's mode by its USB ids and the class of its interface 0, both logged at INFO. Unknown when there is no modem
+// on the bus or the class cannot be read (ERROR); an id that cannot be read counts as 0xFFFF (ERROR).
 [[nodiscard]] MdmMode get_modem_mode();
 
-// The modem's mode by its AT ports: both there, none, or something in between. For callers without root rights; logs
-// nothing.
+// The modem's mode by its AT ports: normal when both are there, DLOAD when there is no first one, unknown when only the
+// second is missing. For callers without root rights; logs nothing.
 [[nodiscard]] MdmMode get_modem_mode_no_root();
 
 // Power on, link on, and wait for the network interface, or for the DIAG port and normal mode; a modem that does not

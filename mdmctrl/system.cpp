@@ -16,11 +16,15 @@
 // Oddities kept on purpose, since callers live with them:
 //   - `launchwan -u` asks neither for the kind of unit, nor does it power the modem off before.
 //   - Failures of rmmod count for nothing.
-//   - The words of `shell` are joined with a blank behind each, and mean what they mean to the shell. Names of modules
-//     mean just themselves, whatever is in them.
+//   - The words of `shell` are joined with a blank behind each, and mean what they mean to the shell.
+//
+// Decided here:
+//   - Names of modules mean just themselves, whatever is in them: they are quoted where the shell would see more.
+//   - A command line of more than 511 characters is refused (`shell`: 2).
 
 #include "mdmctrl/system.h"
 
+#include "mdmctrl/command_line.h"
 #include "mdmctrl/kernel_modules.h"
 #include "mdmctrl/mdmctrl.h"
 #include "platform/board.h"

@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -49,12 +48,6 @@ std::array<char, board_id_size> board_id;
 
 std::array<char, 64> s_dev_desc;
 
-bool exists(const char* path)
-{
-    struct stat file_status {};
-    return stat(path, &file_status) == 0;
-}
-
 // Reads one line, its line feed included, into `room`, which holds a text afterwards in any case.
 void read_text(FILE* file, std::span<char> room)
 {
@@ -65,7 +58,7 @@ void read_text(FILE* file, std::span<char> room)
 // The first directory that exists, or null.
 const char* find_entry(std::span<const char* const> entries)
 {
-    const auto found = std::ranges::find_if(entries, exists);
+    const auto found = std::ranges::find_if(entries, path_exists);
     return found == entries.end() ? nullptr : *found;
 }
 
@@ -143,7 +136,7 @@ int32_t read_board_id(std::span<char> buf)
 
 const char* get_device_desc()
 {
-    constexpr size_t longest = 62; // characters, the second line included
+    constexpr size_t longest = 62; // characters of the name; with the second line one more, the blank
     s_dev_desc.fill('\0');
     const UniqueFile name = open_file("/proc/product_name", "r");
     if (!name)
@@ -162,7 +155,7 @@ const char* get_device_desc()
 
 int32_t is_wifi_only()
 {
-    return exists("/proc/product_features/wan") ? 0 : 1;
+    return path_exists("/proc/product_features/wan") ? 0 : 1;
 }
 
 void show_device_type(int32_t type)

@@ -19,8 +19,8 @@ enum DeviceType : int32_t { DEVICE_UNKNOWN = -1, DEVICE_OSPREY = 3, DEVICE_PIPIT
 // cannot be opened, it is empty.
 [[nodiscard]] int32_t read_board_id(std::span<char> buf);
 
-// The product's name and, when there is one, its second line behind a blank, line feeds kept: at most 62 characters,
-// valid until the next call. Null when the product has no name; logs nothing.
+// The product's name, cut at 62 characters, and, when there is one, a blank and as much of its second line as makes 62
+// in all; line feeds are kept. Valid until the next call. Null when the product has no name; logs nothing.
 [[nodiscard]] const char* get_device_desc();
 
 // Whether the unit is without cellular hardware: 1 or 0. Logs nothing.

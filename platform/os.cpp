@@ -1,7 +1,9 @@
 #include "platform/os.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -70,21 +72,36 @@ int run_shell(const char* format, ...)
     return system(command.c_str()); // NOLINT(concurrency-mt-unsafe): one caller, the main thread
 }
 
-std::string shell_quote(std::string_view path)
+std::string shell_quote(std::string_view text)
 {
     constexpr std::string_view safe = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./-+,:@%=";
-    std::string word = path.starts_with('-') ? "./" : "";
-    if (!path.empty() && path.find_first_not_of(safe) == std::string_view::npos)
-        return word.append(path);
+    if (!text.empty() && text.find_first_not_of(safe) == std::string_view::npos)
+        return std::string(text);
 
-    word += '\'';
-    for (const char c : path) {
+    std::string word = "'";
+    for (const char c : text) {
         if (c == '\'')
             word += "'\\''";
         else
             word += c;
     }
     return word += '\'';
+}
+
+std::string shell_quote_path(const std::string& path)
+{
+    return shell_quote(path.starts_with('-') ? "./" + path : path);
+}
+
+bool path_exists(const std::string& path)
+{
+    struct stat file_status {};
+    return stat(path.c_str(), &file_status) == 0;
+}
+
+void keep_child_statuses()
+{
+    (void)signal(SIGCHLD, SIG_DFL);
 }
 
 void keep_standard_descriptors()

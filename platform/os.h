@@ -53,9 +53,18 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // thread.
 int run_shell(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// `path` as one word of a shell command that names the same file: ordinary names stay as they are, any other is quoted,
-// and one that begins with a dash is not taken for an option.
-[[nodiscard]] std::string shell_quote(std::string_view path);
+// `text` as one word of a shell command: ordinary names stay as they are, any other is quoted.
+[[nodiscard]] std::string shell_quote(std::string_view text);
+
+// The same for a path: one that begins with a dash is not taken for an option.
+[[nodiscard]] std::string shell_quote_path(const std::string& path);
+
+// Whether something of this name exists; links are followed. Any thread.
+[[nodiscard]] bool path_exists(const std::string& path);
+
+// Lets this process learn how its commands end, where whoever started it ignores its own children: that is inherited,
+// and every command would count as failed. Main thread, before all else.
+void keep_child_statuses();
 
 // Opens /dev/null as each of standard input, output and error that is closed. Otherwise the next file to be opened, a
 // modem's port say, would take its number, and with it everything that is printed there. Main thread, before all else.

@@ -12,7 +12,7 @@ namespace {
 
 void write_with(const fs::path& path, int mode, View bytes)
 {
-    const Fd file(must(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | mode, 0644), path));
+    const Fd file(must(open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | mode, 0644), path));
     while (!bytes.empty()) {
         const ssize_t written = write(file.get(), bytes.data(), bytes.size());
         must(written < 0 ? -1 : 0, path);

@@ -75,10 +75,13 @@ void link_to(const fs::path& target, const fs::path& link)
     fs::create_symlink(target, link);
 }
 
-// What is there already stays as it is, unless the command line says it.
+// What is there already stays as it is, unless the command line says it; a link, which may lead out of the tablet, too.
 void provide(const fs::path& file, std::string_view text, bool said = false)
 {
-    if (said || !fs::exists(file))
+    const auto kind = fs::symlink_status(file).type();
+    if (said && kind == fs::file_type::symlink)
+        fs::remove(file);
+    if (said || kind == fs::file_type::not_found)
         write_file(file, bytes_of(text));
 }
 

@@ -3,11 +3,12 @@
 #include "tests/e2e/scenario.h"
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <optional>
 
 namespace fs = std::filesystem;
-using namespace std::string_literals;
+using namespace std::literals;
 
 namespace {
 
@@ -49,12 +50,12 @@ std::string with_files(const std::string& power, const std::string& link, const 
 const Scenario power_scenarios[] = {
     {"WanonFromCold", "off", tool + "wanon", 0, ready, on},
     {"WanonWhenItIsUp", "normal", tool + "WANON", 0, ready, on},
-    {"WanontphWhenItComesLate", "off --power-up 8000", tool + "WaNonTPH", 0, ready, on},
+    {"WanontphWhenItComesLate", "off --power-up 27000", tool + "WaNonTPH", 0, ready, on},
     {"WanonAfterDownloadMode", "off --boot crashed,normal", tool + "wanon", 0, ready_after_reset, on + Texts{reset}},
     {"WanonAfterSilence", "off --boot never,normal", tool + "wanon", 0, ready_after_reset, on + Texts{reset}},
     {"WanonInDownloadMode", "off --boot crashed", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
     {"WanonWithOneAtPort", "off --boot partial", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
-    {"WanonInVain", "off --boot never", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
+    {"WanonWhenItComesTooLate", "off --power-up 33000", tool + "wanon", 26, not_ready, on + Texts{reset, reset}},
     {"QmionFromCold", "off", tool + "qmion", 0, {"I power_qmi_on"}, on},
     {"QmionAfterDownloadMode", "off --boot crashed,normal", tool + "qmion", 0,
      {"I power_qmi_on", "W qmion failed, resetting"}, on + Texts{reset}},
@@ -112,6 +113,8 @@ const Scenario module_scenarios[] = {
     {"LoadallKeepsFromTheRadioUserWhatItCannotGive", "off --fail chown --fail chmod", tool + "loadall", 0, {},
      {"ran chown radio.radio /sys/wan/power /sys/wan/usben: 1", "ran chmod 660 /sys/wan/power /sys/wan/usben: 1"}},
     {"LoadallUnreadable", "off --modules none", "rm /proc/modules; " + tool + "loadall", 1, unreadable, {}},
+    {"LoadallFromNoFile", "off", "rm /proc/modules; mkdir /proc/modules; " + tool + "loadall", 1,
+     {"E File open failed: Is a directory"}, {}},
     {"Loadusb", "off --modules none", tool + "loadusb", 0, {},
      {insmod("usbserial"), insmod("usb_wwan"), insmod("ehci-hcd"), insmod("option")}},
     {"Loadqmi", "off --modules none", tool + "loadqmi", 0, {}, {insmod("rmnet_usb")}},
@@ -167,7 +170,7 @@ TEST_P(Mdmctrl, Does)
     play();
 }
 
-TEST_F(OnTablet, MdmctrlTakesItsFirstWordsOnly)
+TEST_F(OnPoweredTablet, MdmctrlTakesItsFirstWordsOnly)
 {
     const std::string echo = "DEBUG:#stdout ON#\n";
     const std::string unknown = "WARNING:#Invalid modem control command: ";
@@ -211,8 +214,19 @@ TEST_F(OnTablet, MdmctrlTakesItsFirstWordsOnly)
     }
 }
 
+// The link is not switched before the power has settled, also of a modem that is up.
+TEST_F(OnPoweredTablet, MdmctrlTakesASecondBetweenPowerAndLink)
+{
+    modem("normal --power-up 0");
+    for (const std::string command : {"wanon", "qmion", "wanreset"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(run("tessel mdmctrl " + command).status, 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 1s) << command;
+    }
+}
+
 // What the kernel says in its files, and what it could not say.
-class MdmctrlFiles : public OnTablet {
+class MdmctrlFiles : public OnPoweredTablet {
 protected:
     // Puts a file there, or takes it away.
     void place(const std::string& path, const std::optional<std::string>& text) const

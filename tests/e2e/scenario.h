@@ -20,7 +20,7 @@ inline void PrintTo(const Scenario& scenario, std::ostream* out)
     *out << scenario.command;
 }
 
-class OnAFreshTablet : public OnTablet, public ::testing::WithParamInterface<Scenario> {
+class OnAFreshTablet : public OnPoweredTablet, public ::testing::WithParamInterface<Scenario> {
 protected:
     void play()
     {

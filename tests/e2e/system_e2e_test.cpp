@@ -28,6 +28,8 @@ const Scenario scenarios[] = {
     {"LaunchwanUnload", "normal", "tessel launchwan -u", 0, {}, unload_all},
     {"LaunchwanUnloadWithoutWan", "normal", no_wan + "launchwan -i -u", 0, {}, unload_all},
     {"StartModemFromCold", "off --modules none", "tessel start_modem now", 0, ready, load_all + on},
+    {"StartModemForAParentThatIgnoresItsChildren", "off --modules none", "env --ignore-signal=CHLD tessel start_modem", 0, ready,
+     load_all + on},
     {"StartModemWithoutWan", "off", no_wan + "start_modem -i", 0, ready, hand_over + on},
     {"StartModemWithoutAModule", "off --modules none --fail insmod:option.ko", "tessel start_modem", 19, {}, until_option},
     {"StartModemUnreadable", "off", "rm /proc/modules; tessel start_modem", 1, unreadable, {}},
@@ -53,7 +55,7 @@ TEST_P(System, Does)
     play();
 }
 
-TEST_F(OnTablet, SystemAppletsLeaveAWifiOnlyUnitAlone)
+TEST_F(OnPoweredTablet, SystemAppletsLeaveAWifiOnlyUnitAlone)
 {
     const struct {
         std::string command;
@@ -97,7 +99,7 @@ struct Line {
     std::vector<Call> calls;
 };
 
-class SystemLines : public OnTablet {
+class SystemLines : public OnPoweredTablet {
 protected:
     // All on one tablet, without modules at first.
     void play(const std::string& applet, const std::vector<Line>& lines)
@@ -175,6 +177,7 @@ TEST_F(SystemLines, UnloadmCountsNoFailure)
     const std::vector<Line> lines = {
         {"", 2, {{"usage:\n  unloadm <module name1> <module name2> ...\n"}}},
         {"bwan '' option.ko", 0, {stays("bwan"), stays("", "''"), stays("option.ko")}},
+        {"-f", 0, {stays("-f")}},
         {"'x;touch owned' '`touch owned`'",
          0,
          {stays("x;touch owned", "'x;touch owned'"), stays("`touch owned`", "'`touch owned`'")}},

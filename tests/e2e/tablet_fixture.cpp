@@ -119,12 +119,25 @@ void OnTablet::SetUp()
     folder_ = name;
 
     const fs::path err = new_file();
-    if (wait_for_exit(spawn({VIRTUAL_TABLET_BINARY, "check"}, new_file(), err), modem_deadline, "check") == 0)
-        return;
+    const int status = wait_for_exit(spawn({VIRTUAL_TABLET_BINARY, "check"}, new_file(), err), modem_deadline, "check");
+    obstacle_ = slurp(err);
+    if (status != 0)
+        skip(obstacle_);
+}
+
+void OnTablet::skip(const std::string& obstacle)
+{
     const char* ci = getenv("CI"); // NOLINT(concurrency-mt-unsafe): one thread
     if (ci != nullptr && ci == std::string("true"))
-        FAIL() << slurp(err);
-    GTEST_SKIP() << slurp(err);
+        FAIL() << obstacle;
+    GTEST_SKIP() << obstacle;
+}
+
+void OnPoweredTablet::SetUp()
+{
+    OnTablet::SetUp();
+    if (!IsSkipped() && !HasFatalFailure() && !obstacle().empty())
+        skip(obstacle());
 }
 
 void OnTablet::modem(const std::string& words, const Texts& more)

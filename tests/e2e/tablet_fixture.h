@@ -95,9 +95,14 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
+    // What this machine lacks for a whole tablet, with the remedy; empty when it lacks nothing.
+    [[nodiscard]] const std::string& obstacle() const { return obstacle_; }
+    static void skip(const std::string& obstacle);
+
 private:
     [[nodiscard]] std::filesystem::path new_file() { return folder_ / std::to_string(files_++); }
 
+    std::string obstacle_;
     std::filesystem::path folder_; // holds the tablet, and what commands print
     int files_ = 0;
     pid_t modem_ = -1;
@@ -107,4 +112,10 @@ private:
     std::vector<Result> finished_;
     bool complaints_seen_ = false;
     size_t actions_seen_ = 0;
+};
+
+// Where the machine cannot make a tablet with power files, these cases are skipped in the same way.
+class OnPoweredTablet : public OnTablet {
+protected:
+    void SetUp() override;
 };

@@ -19,13 +19,14 @@ TEST(Os, QuotedNamesNameTheirFileAndNothingElse)
     for (const std::string name :
          {"plain-1.2_3", "two words", "it's", "'", "$(touch owned)", "`touch owned`", "a;touch owned", "\"", "\\", "*",
           "~", "a\nb", "&", "-n", "--", "#x", "$HOME", "\xff\xfe"}) {
-        EXPECT_EQ(run_shell("cd %s && : > %s", folder.c_str(), shell_quote(name).c_str()), 0) << name;
+        EXPECT_EQ(run_shell("cd %s && : > %s", folder.c_str(), shell_quote_path(name).c_str()), 0) << name;
         EXPECT_TRUE(fs::remove(fs::path(folder) / name)) << name;
         EXPECT_TRUE(fs::is_empty(folder)) << name;
     }
     EXPECT_TRUE(fs::remove(folder));
     EXPECT_EQ(shell_quote("/sdcard/f+1,2:3@4%5=.bin"), "/sdcard/f+1,2:3@4%5=.bin");
     EXPECT_EQ(shell_quote(""), "''");
+    EXPECT_EQ(shell_quote("-f"), "-f"); // no path
 }
 
 TEST(Os, DescriptorsHaveOneOwner)
