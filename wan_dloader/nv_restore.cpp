@@ -236,7 +236,7 @@ int32_t EfsFileRestore(const std::string& file_name)
 
 bool open_port(const std::string& port)
 {
-    if (WaitForDiagPort(port.c_str(), port_time) == 0)
+    if (WaitForDiagPort(port, port_time) == 0)
         return false;
     (void)OpenSerialPort(port.c_str()); // ends the process where it fails
     return true;

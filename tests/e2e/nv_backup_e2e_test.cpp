@@ -3,7 +3,7 @@
 #include "tests/e2e/nv_fixture.h"
 #include "wan_dloader/nv_tables.h"
 
-#include <regex>
+#include <sstream>
 
 namespace fs = std::filesystem;
 using ::testing::Contains;
@@ -43,9 +43,13 @@ protected:
     // The items are still there, but zero, and the files are not.
     void wipe() const
     {
-        Files zero = nv;
-        for (auto& [name, text] : zero)
-            text = std::regex_replace(text, std::regex("( [0-9A-F]{2})+\n"), "\n");
+        Files zero;
+        for (const auto& [name, text] : nv) {
+            std::istringstream lines(text);
+            for (std::string line; std::getline(lines, line);)
+                zero[name] +=
+                    line.substr(0, line.find(':') + 1) + (line.find("spc") != std::string::npos ? " spc\n" : "\n");
+        }
         fill("nv", zero);
         fill("efs", {});
     }
@@ -267,10 +271,8 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
     std::vector<Job> jobs;
     for (const auto& row : rows) {
         const std::string folder = "/sdcard/" + std::to_string(jobs.size());
-        fs::create_directories(root() + folder + "/before");
+        put(folder + "/before/", row.before);
         fs::create_directories(root() + folder + "/after");
-        for (const auto& [file, bytes] : row.before)
-            write_file(folder + "/before/" + file, bytes);
         jobs.push_back(queue(row.options, in_own_data(folder, row.disk)));
     }
     for (size_t i = 0; i < jobs.size(); ++i) {
@@ -288,6 +290,8 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
 // The modem goes away between two files: what was complete is on the disk, and the next run uses it.
 TEST_F(SmallModem, GoesAwayAmongTheFiles)
 {
+    if (!obstacle().empty())
+        return skip(obstacle()); // without power files it would not come back
     modem("normal --fault unplug@" + std::to_string(1 + NvItemList.size() + 2 + 153 + 2));
     const Job save = queue("-nb"), restore = queue("-nr");
     fill_all();

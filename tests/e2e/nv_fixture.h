@@ -133,11 +133,18 @@ protected:
     // Puts files there in the place of all that was.
     void fill(const std::string& folder, const Files& files) const
     {
-        const std::filesystem::path top = root() + "/modem/" + folder;
-        for (const auto& entry : std::filesystem::directory_iterator(top))
+        const std::string top = "/modem/" + folder + "/";
+        for (const auto& entry : std::filesystem::directory_iterator(root() + top))
             std::filesystem::remove_all(entry);
+        put(top, files);
+    }
+
+    // Puts files into a folder, whose name ends with "/". It is made if it is not there.
+    void put(const std::string& folder, const Files& files) const
+    {
+        std::filesystem::create_directories(root() + folder);
         for (const auto& [path, bytes] : files)
-            write_file("/modem/" + folder + "/" + path, bytes);
+            write_file(std::string(folder).append(path), bytes);
     }
 
     // Names of files in /data.

@@ -13,7 +13,6 @@
 
 using namespace std::string_literals;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
