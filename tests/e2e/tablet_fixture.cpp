@@ -1,6 +1,5 @@
 #include "tests/e2e/tablet_fixture.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -238,12 +237,14 @@ Texts OnTablet::actions()
 
 void OnTablet::wait_for_journal(const std::string& text, size_t count) const
 {
-    const auto holds_text = [&](const std::string& line) { return line.find(text) != std::string::npos; };
     EXPECT_TRUE(wait_until(modem_deadline,
                            [&] {
-                               const Texts lines = journal();
-                               return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds_text)) >=
-                                      count;
+                               const std::string journal = slurp(root() + "/modem/journal.txt");
+                               size_t found = 0;
+                               for (size_t at = 0; found < count && (at = journal.find(text, at)) != std::string::npos;
+                                    at += text.size())
+                                   ++found;
+                               return found >= count;
                            }))
         << "not in the journal: " << count << " times " << text;
 }

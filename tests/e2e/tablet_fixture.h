@@ -86,7 +86,7 @@ protected:
     // What was done to the tablet since the last call: writes to driver files, ioctls, and programs that ran, in order.
     [[nodiscard]] Texts actions();
 
-    // Waits for `count` events that hold `text`; the case fails when they do not come within 30 s.
+    // Waits until the journal holds `text` `count` times; the case fails when that takes more than 30 s.
     void wait_for_journal(const std::string& text, size_t count = 1) const;
 
     // What the modem found wrong with the requests so far. Looked at, it is expected.
