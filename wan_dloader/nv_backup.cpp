@@ -1,7 +1,8 @@
 // Oddities of the format that are kept on purpose, since existing backups have them:
 //   - An item that the modem refuses for want of the service programming code is stored with the request's data.
-//   - Of a long item file only the first part is fetched (see fetch_nvitemfile), while D is what the modem said. Behind
-//     such a record nothing in its chunk can be read any more; a WARNING says so when it is made.
+//   - Of a long item file only the first part is fetched (see fetch_nvitemfile), while D is what the modem said. A
+//     restore takes what follows for the rest of it, and loses the item files behind it; a WARNING says so when it is
+//     made.
 //   - The item file that the table has twice is stored twice.
 
 #include "wan_dloader/nv_backup.h"
@@ -28,32 +29,41 @@ namespace {
 constexpr int64_t file_header_size = nv_file_header::size;
 constexpr int64_t chunk_header_size = nv_chunk_header::size;
 
-// A file of the modem that claims to be larger is not believed.
-constexpr uint32_t largest_file = 0x100000;
+// A file of the modem that claims to be larger is not believed, and is left out.
+constexpr uint32_t largest_record = 0x100000;
 
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
 UniqueFile s_nv_file;        // while NV items are stored
 uint32_t s_nvbacked_num = 0; // of them
+int s_write_error = 0;       // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};        // the request in flight
+bool s_indexed = false;      // it is for an entry of an indexed item
 
 // Opens the file of a pass; empty with an ERROR when that fails.
 UniqueFile open_backup(const std::string& file_name, const char* mode)
 {
     UniqueFile file = open_file(file_name, mode);
+    s_write_error = 0;
     if (!file)
         log_error("fopen %s: %s", file_name.c_str(), error_text(errno).c_str());
     return file;
 }
 
+void write_record(FILE* file, std::span<const uint8_t> record)
+{
+    if (fwrite(record.data(), 1, record.size(), file) != record.size() && s_write_error == 0)
+        s_write_error = errno;
+}
+
 // 0 when every byte of a pass is on the disk, else 1 with an ERROR.
 int32_t sync_backup(const UniqueFile& file, const std::string& file_name)
 {
-    const bool failed_before = ferror(file.get()) != 0;
-    errno = 0;
-    if (fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 && !failed_before)
+    const bool written = ferror(file.get()) == 0;
+    if (fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 && written)
         return 0;
-    log_error("Failed to write %s: %s", file_name.c_str(), error_text(errno != 0 ? errno : EIO).c_str());
+    const int error = s_write_error != 0 ? s_write_error : errno;
+    log_error("Failed to write %s: %s", file_name.c_str(), error_text(error).c_str());
     return 1;
 }
 
@@ -76,17 +86,22 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
         return 1;
     if (get_le16(response, nv_packet::status_at) != 0)
         return judge_nv_status(response);
+    // A late response to the request before is one to this one, as far as an item goes.
+    const int index = get_u8(response, nv_packet::data_at), asked = DiagNvPkt[nv_packet::data_at];
+    if (s_indexed && index != asked)
+        log_warning("NV item (%d): index %d instead of %d", get_le16(response, nv_packet::item_at), index, asked);
     if (s_nv_file != nullptr) {
         ++s_nvbacked_num;
         // Item and data stand in a record as in the response.
         static_assert(nv_packet::item_at + nv_item_record::data_at == nv_packet::data_at);
         const auto record = response.subspan(nv_packet::item_at, nv_item_record::size);
-        (void)fwrite(record.data(), 1, record.size(), s_nv_file.get());
+        write_record(s_nv_file.get(), record);
     }
     return 0;
 }
 
-void read_nv_item(const NvItemRow& row)
+// `indexed`: other rows have the same item.
+void read_nv_item(const NvItemRow& row, bool indexed)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
@@ -94,6 +109,7 @@ void read_nv_item(const NvItemRow& row)
         put_u8(DiagNvPkt, 0, nv_packet::read_code);
         put_le16(DiagNvPkt, nv_packet::item_at, row.item);
         put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
+        s_indexed = indexed;
     }
     (void)SendPktAndWait(DiagNvPkt, 0); // what came of it is in the file, or in the log
 }
@@ -114,9 +130,6 @@ std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::sp
     std::ranges::copy(path, record.begin() + 2);
     put_le16(record, length_at, static_cast<uint16_t>(size & 0xFFFF));
     std::ranges::copy(contents, record.begin() + static_cast<std::ptrdiff_t>(contents_at));
-    if (contents.size() != (size & 0xFFFF))
-        log_warning("%s: saved %zu of %u bytes, cannot be restored from this backup", path.c_str(), contents.size(),
-                    static_cast<unsigned>(size));
     return record;
 }
 
@@ -133,7 +146,7 @@ bool get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status
         return false;
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
-    if (status.size > largest_file) {
+    if (status.size > largest_record) {
         log_warning("Skip %s", path.c_str());
         return false;
     }
@@ -143,7 +156,6 @@ bool get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status
 // The contents of a regular file, in the same way.
 bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t>& contents)
 {
-    constexpr uint32_t read_only = 0, read_by_owner = 0x100;
     if (efs2_stat(path, &status) != 0) {
         log_warning("%s not found", path.c_str());
         return false;
@@ -153,7 +165,11 @@ bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t
         return false;
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
-    const int32_t descriptor = status.size > largest_file ? -1 : efs2_open_file(path, read_only, read_by_owner);
+    if (status.size > largest_record) {
+        log_warning("Skip %s", path.c_str());
+        return false;
+    }
+    const int32_t descriptor = efs2_open_file(path, open_read_only, open_read_mode);
     if (descriptor < 0) {
         log_warning("Failed to open %s, skip it!", path.c_str());
         return false;
@@ -182,9 +198,15 @@ void begin_chunk(FILE* file, const NvChunkHeader& chunk)
     (void)efs2_init(); // what a modem without EFS2 cannot give shows file by file
 }
 
-void append_record(FILE* file, NvChunkHeader& chunk, std::span<const uint8_t> record)
+// Appends the file `path`, whose size the modem gave as `size`.
+void append_file(FILE* file, NvChunkHeader& chunk, const std::string& path, uint32_t size,
+                 std::span<const uint8_t> contents)
 {
-    (void)fwrite(record.data(), 1, record.size(), file);
+    if (contents.size() != (size & 0xFFFF))
+        log_warning("%s: saved %zu of %u bytes; a restore loses what is behind it", path.c_str(), contents.size(),
+                    static_cast<unsigned>(size));
+    const auto record = file_record(path, size, contents);
+    write_record(file, record);
     ++chunk.count;
     chunk.size += static_cast<uint32_t>(record.size());
 }
@@ -237,10 +259,12 @@ int32_t NvItemBackup(const std::string& file_name)
     SetRspCallback(NvBackupCallback);
     if (sDebug != 0)
         log_debug("Backing up modem NV items");
-    for (const NvItemRow& row : NvItemList) {
-        read_nv_item(row);
-        if (!can_write())
-            break;
+    const auto has_item = [](size_t row, uint16_t item) {
+        return row < NvItemList.size() && NvItemList[row].item == item;
+    };
+    for (size_t i = 0; i < NvItemList.size() && can_write(); ++i) {
+        const NvItemRow& row = NvItemList[i];
+        read_nv_item(row, row.index != 0 || has_item(i + 1, row.item));
     }
     SetRspCallback(nullptr);
 
@@ -276,7 +300,7 @@ int32_t NvItemFileBackup(const std::string& file_name)
     for (const NvFileRow& row : NvItemFileList) {
         Efs2Stat status{};
         if (get_item_file(row.path, sequence, status, contents))
-            append_record(file.get(), chunk, file_record(row.path, status.size, contents));
+            append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved NV item files: %d, size: %d", static_cast<int>(chunk.count),
              static_cast<int>(chunk.size));
@@ -306,7 +330,7 @@ int32_t EfsFileBackup(const std::string& file_name)
     for (const NvFileRow& row : EFSFileList) {
         Efs2Stat status{};
         if (get_efs_file(row.path, status, contents))
-            append_record(file.get(), chunk, file_record(row.path, status.size, contents));
+            append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));
     return finish_chunk(file, file_name, header, end, chunk);
@@ -352,7 +376,10 @@ void NVItemBackupVerify(const std::string& file_name)
                 to_go = 1; // a file that has ended has no more of them
             continue;
         }
-        records.skip_rest();
+        if (!records.skip_rest()) {
+            log_error("NV backup file ends inside a chunk");
+            break;
+        }
     }
     log_info(">>> Completed nvbackup file verifying: OK");
 }

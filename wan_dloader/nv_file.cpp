@@ -1,6 +1,7 @@
 #include "wan_dloader/nv_file.h"
 
 #include "diag/packet_fields.h"
+#include "platform/os.h"
 
 #include <vector>
 
@@ -51,6 +52,23 @@ void write_nv_chunk_header(FILE* file, const NvChunkHeader& header)
     put_le32(bytes, count_at, header.count);
     put_le32(bytes, size_at, header.size);
     (void)fwrite(bytes.data(), 1, bytes.size(), file);
+}
+
+bool is_whole_nv_file(const std::string& path)
+{
+    constexpr uint32_t chunks = 3;
+    const UniqueFile file = open_file(path, "r");
+    if (!file)
+        return false;
+    const NvFileHeader header = read_nv_file_header(file.get());
+    if (!header.is_valid() || header.chunks != chunks)
+        return false;
+    for (uint32_t i = 0; i < chunks; ++i) {
+        NvChunkReader records(file.get(), read_nv_chunk_header(file.get()));
+        if (!records.skip_rest())
+            return false;
+    }
+    return ftello(file.get()) == nv_file_size(file.get());
 }
 
 int64_t nv_file_size(FILE* file)

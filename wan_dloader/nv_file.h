@@ -56,6 +56,9 @@ struct NvChunkHeader {
 void write_nv_file_header(FILE* file, uint32_t chunks);
 void write_nv_chunk_header(FILE* file, const NvChunkHeader& header);
 
+// Whether `path` is a backup file with all of its three chunks, and ends where they do. Any thread.
+[[nodiscard]] bool is_whole_nv_file(const std::string& path);
+
 // Size of the file in bytes; its position stays.
 [[nodiscard]] int64_t nv_file_size(FILE* file);
 
@@ -73,7 +76,7 @@ public:
     // Leaves out `size` bytes.
     [[nodiscard]] bool skip(uint32_t size);
     // Leaves out the rest of the chunk.
-    void skip_rest() { (void)skip(left_); }
+    [[nodiscard]] bool skip_rest() { return skip(left_); }
 
 private:
     FILE* file_;

@@ -7,7 +7,6 @@
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
-#include "wan_dloader/emergency_downloader.h"
 #include "wan_dloader/nv_backup.h"
 #include "wan_dloader/nv_file.h"
 #include "wan_dloader/nv_transfer.h"
@@ -23,18 +22,19 @@
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
 
 constexpr const char* backup_path = "/data/nvbackup.bin";
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
-constexpr int32_t port_time = 30; // seconds to wait for a DIAG port
+constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
 
 constexpr uint32_t item_file_flags = 0x80040; // of the modem: make the file, and the directories above it
 constexpr uint32_t write_new = 0x41;          // write only, create
 constexpr uint32_t write_over = 0x201;        // write only, truncate
-constexpr uint32_t readable_by_all = 0666;    // mode of a new file
+constexpr uint32_t open_to_all = 0666;        // mode of a new file
 
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
@@ -44,12 +44,6 @@ NvPacket DiagNvPkt{}; // the request in flight
 uint16_t seq_num = 0;
 uint16_t seq_out = 0;
 
-bool exists(const std::string& path)
-{
-    struct stat file_status {};
-    return stat(path.c_str(), &file_status) == 0;
-}
-
 // Reader thread.
 int32_t NvRestoreCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
@@ -58,14 +52,19 @@ int32_t NvRestoreCallback(std::span<const uint8_t> packet, uintptr_t /*user_data
     return response.empty() ? 1 : judge_nv_status(response);
 }
 
-// Sends `packet` as a write request, NvRestoreCallback being installed. Whether the modem took it is in the log.
-void send_nv_write(const NvPacket& packet)
+NvPacket write_request(NvPacket packet)
+{
+    put_u8(packet, 0, nv_packet::write_code);
+    put_le16(packet, nv_packet::status_at, 0);
+    return packet;
+}
+
+// Sends a write request, NvRestoreCallback being installed. Whether the modem took it is in the log.
+void send_nv_write(const NvPacket& request)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
-        DiagNvPkt = packet;
-        put_u8(DiagNvPkt, 0, nv_packet::write_code);
-        put_le16(DiagNvPkt, nv_packet::status_at, 0);
+        DiagNvPkt = request;
     }
     (void)SendPktAndWait(DiagNvPkt, 0);
 }
@@ -73,12 +72,15 @@ void send_nv_write(const NvPacket& packet)
 // Opens the regular file `path` of the modem, over one that is there. The descriptor, or a negative failure.
 int32_t open_efs_file(const std::string& path)
 {
-    const bool there = efs2_stat(path, nullptr) == 0;
-    if (there)
+    constexpr int32_t refused = -1;
+    const int32_t status = efs2_stat(path, nullptr);
+    if (status != 0 && status != refused)
+        return status; // no answer: opened as a new one, a file that is there would keep its tail
+    if (status == 0)
         log_info("%s exists - overwrite it", path.c_str());
     else
         log_info("%s doesn't exist - create it", path.c_str());
-    return efs2_open_file(path, there ? write_over : write_new, readable_by_all);
+    return efs2_open_file(path, status == 0 ? write_over : write_new, open_to_all);
 }
 
 // Writes `data` to the open file `descriptor` of the modem. 0, or 1 with an ERROR.
@@ -156,7 +158,7 @@ int32_t NvItemRestore(const std::string& file_name)
             log_error("NV backup file ends inside record %d", static_cast<int>(sent));
             break;
         }
-        send_nv_write(packet);
+        send_nv_write(write_request(packet));
     }
     SetRspCallback(nullptr);
     log_info(">>> Totally restored %d NV items.", static_cast<int>(sent));
@@ -234,17 +236,9 @@ int32_t EfsFileRestore(const std::string& file_name)
 
 // ---- whole backups ----
 
-bool open_port(const std::string& port)
-{
-    if (WaitForDiagPort(port, port_time) == 0)
-        return false;
-    (void)OpenSerialPort(port.c_str()); // ends the process where it fails
-    return true;
-}
-
 int32_t backup_to(const std::string& port, const std::string& file_name)
 {
-    if (!open_port(port))
+    if (!open_diag_port(port))
         return 1;
     request_modem_mode(ModemMode::offline);
     // All of them run, so that what can be saved is. A backup that is not on the disk whole must not count as one:
@@ -259,7 +253,7 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
 {
     if (sFlashAllPartitions == 0)
         return 0;
-    if (!open_port(port)) {
+    if (!open_diag_port(port)) {
         log_error("Timeout: DIAG port (%s) is not ready", port.c_str());
         return 1;
     }
@@ -275,15 +269,37 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
 
 // ---- golden copy ----
 
-const std::string parked_path = std::string(golden_path) + "tmp"; // the old one while a new one is made
-
-// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one.
-void undo_cut_renewal()
+// Runs "mv" of one golden file to the place of the other. False with an ERROR when that fails.
+bool move_golden(const char* from, const char* to)
 {
-    if (!exists(parked_path))
-        return;
+    if (run_shell("mv %s %s", from, to) == 0)
+        return true;
+    log_error("Failed to move %s to %s", from, to);
+    return false;
+}
+
+// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one: puts the
+// good one back. False with an ERROR when that fails; then nothing else may be done here.
+bool undo_cut_renewal()
+{
+    if (!path_exists(parked_path) || is_whole_nv_file(golden_path))
+        return true;
     log_warning("Putting back the golden copy of a renewal that was cut short");
-    (void)run_shell("mv %s %s", parked_path.c_str(), golden_path);
+    return move_golden(parked_path, golden_path);
+}
+
+// Of a golden copy that is there.
+void warn_of_half_copy()
+{
+    if (!is_whole_nv_file(golden_path))
+        log_warning("%s is not complete, make it anew with -f", golden_path);
+}
+
+bool same_size(const char* path, const char* other)
+{
+    struct stat one = {};
+    struct stat two = {};
+    return stat(path, &one) == 0 && stat(other, &two) == 0 && one.st_size == two.st_size;
 }
 
 // 1 when there is a source, whether it could be copied or not.
@@ -304,7 +320,7 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
     off_t offset = 0;
     const ssize_t sent = sendfile(to.get(), from.get(), &offset, static_cast<size_t>(status.st_size));
     if (sent != status.st_size)
-        log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(errno).c_str());
+        log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(sent < 0 ? errno : ENOSPC).c_str());
     return 1;
 }
 
@@ -319,23 +335,29 @@ int32_t BackupQCN(const std::string& port)
 int32_t BackupGoldenQCN(const std::string& port)
 {
     log_info("Backup Golden QCN ...");
-    undo_cut_renewal();
-    const bool renewal = exists(golden_path);
+    if (!undo_cut_renewal())
+        return 1;
+    const bool renewal = path_exists(golden_path);
     if (renewal && s_force_fw_update == 0) {
         log_info("Golden QCN backup file already exists!");
+        warn_of_half_copy();
         return 0;
     }
-    if (renewal && run_shell("mv %s %stmp", golden_path, golden_path) != 0) {
-        log_error("Failed to set the golden copy aside, it stays as it is");
+    if (renewal && !move_golden(golden_path, parked_path))
         return 1;
-    }
 
     const int32_t result = backup_to(port, golden_path);
-    if (renewal && result != 0)
-        (void)run_shell("mv %stmp %s", golden_path, golden_path);
-    else if (renewal)
-        (void)run_shell("rm %stmp", golden_path);
-    return result;
+    if (result != 0) {
+        // Half a copy would stand in the way of a whole one for ever.
+        if (renewal)
+            (void)move_golden(parked_path, golden_path);
+        else
+            (void)unlink(golden_path);
+        return result;
+    }
+    if (renewal && run_shell("rm %s", parked_path) != 0)
+        log_warning("Failed to remove %s", parked_path);
+    return 0;
 }
 
 int32_t RemoveNVBackup()
@@ -352,30 +374,27 @@ int32_t RestoreQCN(const std::string& port)
 int32_t RestoreGoldenQCN(const std::string& port)
 {
     log_info("Restore Golden QCN ...");
-    undo_cut_renewal();
+    if (!undo_cut_renewal())
+        return 1;
     return restore_from(port, golden_path);
 }
 
 int32_t MakeGoldenCopy()
 {
-    undo_cut_renewal();
-    if (exists(golden_path))
+    if (!undo_cut_renewal() || path_exists(golden_path)) {
+        warn_of_half_copy();
         return 1;
+    }
     const int32_t result = CopyFile(golden_path, backup_path);
-    // Half a copy would stand in the way of a whole one for ever.
-    struct stat source {
-    }, copy{};
-    if (stat(golden_path, &copy) == 0 && (stat(backup_path, &source) != 0 || copy.st_size != source.st_size))
-        (void)unlink(golden_path);
+    if (!same_size(golden_path, backup_path))
+        (void)unlink(golden_path); // as in BackupGoldenQCN
     return result;
 }
 
 int32_t write_nvitem(const NvPacket& packet)
 {
     (void)puts("write_nvitem");
-    NvPacket request = packet;
-    put_u8(request, 0, nv_packet::write_code);
-    put_le16(request, nv_packet::status_at, 0);
+    const NvPacket request = write_request(packet);
     PrintHex(request);
     SetRspCallback(NvRestoreCallback);
     send_nv_write(request);
@@ -386,7 +405,7 @@ int32_t write_nvitem(const NvPacket& packet)
 int32_t write_nvitemfile(const std::string& path, std::span<const uint8_t> data)
 {
     seq_out = ++seq_num;
-    if (efs2_put_file(path, data.first(data.size() & 0xFFFF), item_file_flags, seq_out) < 0) {
+    if (efs2_put_file(path, data, item_file_flags, seq_out) < 0) {
         log_error("Failed to put nv file: %s", path.c_str());
         return 1;
     }

@@ -14,8 +14,9 @@
 // are left out (WARNING); a backup file that cannot be written is an ERROR, and 1.
 [[nodiscard]] int32_t BackupQCN(const std::string& port);
 
-// The same to /data/nvbackup_golden.bin, unless that exists. With s_force_fw_update it is made anew, and the old one is
-// put back when that fails.
+// The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With
+// s_force_fw_update it is made anew, and the old one is put back when that fails; of a first one that fails nothing
+// stays. A renewal that was cut short is undone before anything else.
 [[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
 
 // Removes /data/nvbackup.bin. The shell's raw status.

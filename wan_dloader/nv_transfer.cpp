@@ -5,6 +5,8 @@
 #include "crashdump/efs2.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
+#include "diag/serial_port.h"
+#include "wan_dloader/emergency_downloader.h"
 
 #include <algorithm>
 #include <array>
@@ -28,6 +30,15 @@ constexpr uint8_t bad_spc_code = 0x42;
 constexpr size_t request_head = 3; // code and item number, by which a response is known
 
 } // namespace
+
+bool open_diag_port(const std::string& port)
+{
+    constexpr int32_t patience = 30; // seconds
+    if (WaitForDiagPort(port, patience) == 0)
+        return false;
+    (void)OpenSerialPort(port.c_str());
+    return true;
+}
 
 void request_modem_mode(ModemMode mode)
 {

@@ -1,7 +1,7 @@
 // What backup, restore and NV update files share: requests to a modem whose NV data are at stake, the answers to NV
 // requests, and the way an item file is fetched.
 //
-// All functions run on the main thread with the port open (OpenSerialPort), unless said otherwise.
+// All functions run on the main thread with the port open, unless said otherwise.
 #pragma once
 
 #include "crashdump/nv_item.h"
@@ -14,6 +14,13 @@
 
 // Data bytes of one EFS2 request of a transfer.
 constexpr uint32_t transfer_piece = 512;
+
+// How a file of the modem is opened to be read.
+constexpr uint32_t open_read_only = 0, open_read_mode = 0x100;
+
+// Waits up to 30 s for the DIAG port `port` and opens it, to be closed with CloseSerialPort. False, with a WARNING,
+// when it does not appear; where it cannot be opened the process ends (OpenSerialPort).
+[[nodiscard]] bool open_diag_port(const std::string& port);
 
 // DIAG mode request: 29, mode (2).
 enum class ModemMode : uint16_t { offline = 0, reset = 2 };
@@ -36,8 +43,8 @@ void send_service_programming_code();
 // is raised by one after each. True with the bytes in `data`. False, with a WARNING that the file is skipped, when the
 // modem refuses a piece, does not answer, or answers with another number (adopted, and raised).
 //
-// After a piece, its length counts twice against what is left, so that of a long file only about half is fetched, in
-// one piece up to 1024 bytes. Kept on purpose: the pieces of an item file are not addressed, and this is how existing
-// backups were made.
+// After a piece, its length counts twice against what is left: of a file of more than 512 bytes only the first 512 are
+// fetched, and above 1024 bytes about half. Kept on purpose: the pieces of an item file are not addressed, and this is
+// how existing backups were made.
 [[nodiscard]] bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
                                     std::vector<uint8_t>& data);

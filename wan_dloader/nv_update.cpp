@@ -7,7 +7,6 @@
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
-#include "wan_dloader/emergency_downloader.h"
 #include "wan_dloader/nv_restore.h"
 #include "wan_dloader/nv_transfer.h"
 
@@ -22,13 +21,11 @@
 
 namespace {
 
-constexpr int32_t port_wait = 30;                      // seconds
 constexpr size_t longest_line = 254;                   // without its line feed
 constexpr size_t initial_buffer = 1024;                // bytes
 constexpr uint32_t largest_file = 16U * 1024U * 1024U; // of the modem, whose whole file system is smaller
 constexpr uint16_t first_sequence = 100;               // of the requests that show an item file
 constexpr int32_t read_attempts = 10;                  // for one piece of a file
-constexpr uint32_t open_read_only = 0, open_mode = 0x100;
 
 struct Keyword {
     std::string_view text;
@@ -275,13 +272,17 @@ void read_efs_file(int32_t descriptor, const std::string& path, std::vector<uint
 void show_item_file(const std::string& path, std::vector<uint8_t>& data)
 {
     uint16_t sequence = first_sequence;
-    if (fetch_nvitemfile(path, static_cast<uint32_t>(data.size()), sequence, data))
-        PrintHex(data);
+    const size_t size = data.size();
+    if (!fetch_nvitemfile(path, static_cast<uint32_t>(size), sequence, data))
+        return;
+    PrintHex(data);
+    if (data.size() != size)
+        log_warning("%s: only %zu of %zu bytes", path.c_str(), data.size(), size);
 }
 
 void show_efs_file(const std::string& path, std::vector<uint8_t>& data)
 {
-    const int32_t descriptor = efs2_open_file(path, open_read_only, open_mode);
+    const int32_t descriptor = efs2_open_file(path, open_read_only, open_read_mode);
     if (descriptor < 0) {
         log_warning("Failed to open %s, skip it!", path.c_str());
         return;
@@ -324,9 +325,8 @@ int32_t show_nv_file(const std::string& path)
 template <typename Work>
 int32_t with_port(const std::string& port, Work work)
 {
-    if (WaitForDiagPort(port, port_wait) == 0)
+    if (!open_diag_port(port))
         return 1;
-    (void)OpenSerialPort(port.c_str()); // ends the process where it fails
     const int32_t result = work();
     CloseSerialPort();
     return result;

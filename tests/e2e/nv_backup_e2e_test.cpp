@@ -121,7 +121,7 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
     const Job save = queue("-nb"), restore = queue("-nr");
     write_file("/modem/efs" + path, pattern(600, 1));
     EXPECT_THAT(complaints_of(take_turn(save)),
-                ElementsAre("W " + path + ": saved 512 of 600 bytes, cannot be restored from this backup",
+                ElementsAre("W " + path + ": saved 512 of 600 bytes; a restore loses what is behind it",
                             "E NV backup file ends inside record 157"));
     wipe();
     EXPECT_THAT(complaints_of(take_turn(restore, true)), ElementsAre("E NV backup file ends inside record 157"));
@@ -238,6 +238,7 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
                            "E NV backup file size is not correct! expected: 28, actual: 0",
                            "E NV backup file size is not correct! expected: 40, actual: 0",
                            "E Not a valid NV backup file"};
+    const std::string not_whole = "W "s + golden + " is not complete, make it anew with -f";
     const std::string undone = "W Putting back the golden copy of a renewal that was cut short";
     const struct {
         const char* options;
@@ -247,14 +248,16 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
         bool asks, resets;
     } rows[] = {
         {"-ng", "true", {}, {{name, fresh}}, {}, true, false},
-        {"-ng", "true", {{name, old}}, {{name, old}}, {}, false, false},
+        {"-ng", "true", {{name, old}}, {{name, old}}, {not_whole}, false, false},
+        {"-ng", "true", {{name, fresh}, {parked, old}}, {{name, fresh}, {parked, old}}, {}, false, false},
+        {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room, true, false},
         {"-fng", "true", {{name, old}}, {{name, fresh}}, {}, true, false},
         {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room, true, false},
         {"-fng",
          "mount -o remount,ro /data",
          {{name, old}},
          {{name, old}},
-         {"E Failed to set the golden copy aside, it stays as it is"},
+         {"E Failed to move "s + golden + " to " + golden + "tmp"},
          false,
          false},
         {"-ng",
@@ -264,7 +267,7 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
          {"E fopen "s + golden + ": Read-only file system", missing, missing, missing},
          true,
          false},
-        {"-ng", "true", {{name, half}, {parked, old}}, {{name, old}}, {undone}, false, false},
+        {"-ng", "true", {{name, half}, {parked, old}}, {{name, old}}, {undone, not_whole}, false, false},
         {"-nG", "true", {{name, half}, {parked, fresh}}, {{name, fresh}}, {undone}, true, true},
         {"-nG", "true", {}, {}, {missing, missing, missing}, true, true},
     };

@@ -141,7 +141,11 @@ TEST(NvFile, VerifyingEndsWithTheFile)
                             "I \tTotal size: 14", "I    0 /a", "I    1 ", "E NV backup file ends inside record 2"));
     EXPECT_THAT(verified(header(1) + le32(nv_item_files) + le32(1) + le32(0xFFFFFFFF) + two_files.substr(0, 8)),
                 ElementsAre("I Total chunks: 1", "I >>> 1", "I NV Item File chunk:", "I \tNV item files: 1",
-                            "I \tTotal size: -1", "I    0 /a", "E NV backup file ends inside record 0"));
+                            "I \tTotal size: -1", "I    0 /a", "E NV backup file ends inside record 0",
+                            "E NV backup file ends inside a chunk"));
+    EXPECT_THAT(verified(header(1) + le32(nv_items) + le32(2) + le32(260) + std::string(259, 'x')),
+                ElementsAre("I Total chunks: 1", "I >>> 1", "I NV Item chunk:", "I \tNV items: 2",
+                            "I \tTotal size: 260", "E NV backup file ends inside a chunk"));
 }
 
 TEST(NvFile, OnlyAFileOfTheChunksThatAreExpectedIsExtended)
