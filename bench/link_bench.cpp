@@ -1,6 +1,6 @@
 // Speed of the transport beside its limit, over a pseudo-terminal whose other end is the same peer for both: what an
-// exchange and a memory dump take, and what a bare loop takes that writes the same requests and waits for the same
-// replies, in one thread, with blocking calls and a look at nothing.
+// exchange, a memory dump and an NV backup take, and what a bare loop takes that writes the same requests and waits for
+// the same replies, in one thread, with blocking calls and a look at nothing.
 //
 // Product and bare loop take turns, round by round, over one script. Prints one row a measurement, cells separated by
 // tabs: what, product, bare, ratio, the quartiles of the ratio, aim. Each is the median of the rounds, the ratio too:
@@ -15,21 +15,27 @@
 #include "diag/pktio.h"
 #include "diag/serial_port.h"
 #include "modem_peer.h"
+#include "wan_dloader/nv_backup.h"
+#include "wan_dloader/nv_tables.h"
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <initializer_list>
 #include <random>
 #include <span>
 #include <stdexcept>
+#include <unistd.h>
 
 namespace {
 
 constexpr int rounds = 101;
 constexpr uint32_t exchanges = 200;         // a round
 constexpr uint32_t dump_size = 400'000;     // bytes a round
+constexpr uint32_t backup_size = 208'089;   // bytes
 constexpr uint32_t dump_base = 0x4000'0000; // where the memory begins
 
 // ---- scripts ----
@@ -105,6 +111,65 @@ std::vector<Turn> dump_script(const DumpKind& kind)
     return script;
 }
 
+// Requests and answers of the modem's file system begin alike: 4B 13, operation (2).
+Bytes efs2_packet(uint8_t operation, std::initializer_list<uint32_t> fields, std::string_view text = {})
+{
+    Bytes packet{0x4B, 0x13, operation, 0};
+    for (const uint32_t field : fields) {
+        packet.resize(packet.size() + sizeof field);
+        put_le32(packet, packet.size() - sizeof field, field);
+    }
+    packet.insert(packet.end(), text.begin(), text.end());
+    return packet;
+}
+
+// A whole backup, from the first item to the last file, of a modem that has everything.
+std::vector<Turn> backup_script()
+{
+    std::vector<Turn> script;
+    const auto turn = [&script](const Bytes& request, const Bytes& reply) {
+        script.push_back({frame(request), frame(reply)});
+        Bytes& wire = script.back().request;
+        if (wire.size() % 64 == 0) // then the engine sends a second flag, for the sake of the USB link
+            wire.push_back(HDLC_END_OF_PACKET_CHAR);
+    };
+    const auto stat = [&turn](const NvFileRow& row, uint32_t mode) {
+        turn(efs2_packet(15, {}, std::string(row.path) + '\0'), efs2_packet(15, {0, mode, row.size, 1, 0, 0}));
+    };
+    const auto hello = [&turn] {
+        turn(efs2_packet(0, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), efs2_packet(0, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+        turn(efs2_packet(1, {}), efs2_packet(1, {0, 0, 0, 0, 0, 0}));
+    };
+
+    for (const NvItemRow& row : NvItemList) {
+        NvPacket request = nv_request(row.item);
+        put_u8(request, nv_packet::data_at, static_cast<uint8_t>(row.index));
+        Bytes reply(request.begin(), request.end());
+        std::fill_n(reply.begin() + nv_packet::data_at + 1, nv_packet::data_size - 1, static_cast<uint8_t>(row.item));
+        turn(Bytes(request.begin(), request.end()), reply);
+    }
+    hello();
+    uint16_t sequence = 0;
+    for (const NvFileRow& row : NvItemFileList) {
+        stat(row, 0xE1FF);
+        std::string number(2, '\0');
+        number[0] = static_cast<char>(sequence++);
+        turn(efs2_packet(39, {row.size, 0}, number + row.path + '\0'),
+             efs2_packet(39, {row.size, 0}, number + std::string(row.size, 'x')));
+    }
+    hello();
+    for (const NvFileRow& row : EFSFileList) {
+        stat(row, 0x81B6);
+        turn(efs2_packet(2, {0, 0x100}, std::string(row.path) + '\0'), efs2_packet(2, {0, 0}));
+        for (uint32_t offset = 0; offset < row.size; offset += 512) {
+            const uint32_t piece = std::min(row.size - offset, 512U);
+            turn(efs2_packet(4, {0, piece, offset}), efs2_packet(4, {0, offset, piece, 0}, std::string(piece, 'x')));
+        }
+        turn(efs2_packet(3, {0}), efs2_packet(3, {0}));
+    }
+    return script;
+}
+
 // ---- product: one round on the open port ----
 
 void exchange_all()
@@ -127,6 +192,44 @@ void dump_all()
         if (kind.read(file.get(), dump_base + offset, kind.chunk) != static_cast<int32_t>(kind.chunk))
             throw std::runtime_error("a chunk of memory is not whole");
     }
+}
+
+// Sends what is printed and logged to where it costs nothing, while it lives.
+class Quiet {
+public:
+    Quiet()
+    {
+        (void)fflush(stdout);
+        const UniqueFile nowhere = open_file("/dev/null", "w");
+        if (nowhere == nullptr || dup2(fileno(nowhere.get()), STDOUT_FILENO) < 0 ||
+            dup2(fileno(nowhere.get()), STDERR_FILENO) < 0)
+            throw std::runtime_error("cannot write to /dev/null");
+    }
+    Quiet(const Quiet&) = delete;
+    Quiet& operator=(const Quiet&) = delete;
+    Quiet(Quiet&&) = delete;
+    Quiet& operator=(Quiet&&) = delete;
+    ~Quiet()
+    {
+        (void)fflush(stdout);
+        (void)dup2(out_.get(), STDOUT_FILENO);
+        (void)dup2(err_.get(), STDERR_FILENO);
+    }
+
+private:
+    UniqueFd out_ = UniqueFd(dup(STDOUT_FILENO)), err_ = UniqueFd(dup(STDERR_FILENO));
+};
+
+// To the disk, as a backup is.
+void backup_all()
+{
+    const std::string name = std::filesystem::temp_directory_path() / ("link_bench-" + std::to_string(getpid()));
+    const Quiet quiet;
+    const bool done = NvItemBackup(name) == 0 && NvItemFileBackup(name) == 0 && EfsFileBackup(name) == 0;
+    const auto size = std::filesystem::file_size(name);
+    std::filesystem::remove(name);
+    if (!done || size != backup_size)
+        throw std::runtime_error("a backup is not whole");
 }
 
 // ---- bare loops: one turn ----
@@ -157,6 +260,7 @@ struct Measurement {
     double (*figure)(double seconds); // of a round
     const char* aim;
     std::vector<Turn> script;
+    int32_t (*open)(const char* device); // ends the process where it fails
     void (*product)();
     void (*bare)(int fd, const Turn& turn);
 };
@@ -164,6 +268,11 @@ struct Measurement {
 double microseconds_an_exchange(double seconds)
 {
     return seconds / exchanges * 1e6;
+}
+
+double milliseconds(double seconds)
+{
+    return seconds * 1e3;
 }
 
 double megabytes_a_second(double seconds)
@@ -181,7 +290,7 @@ double seconds_of(const Work& work)
 
 double product_round(const Measurement& measurement, const std::string& device)
 {
-    (void)open_serial_port(device.c_str()); // ends the process where it fails
+    (void)measurement.open(device.c_str());
     const double seconds = seconds_of(measurement.product);
     close_serial_port();
     return seconds;
@@ -225,11 +334,13 @@ int main()
 {
     try {
         measure({"exchange, 133-byte NV read", "us", microseconds_an_exchange, "at most 1.30", nv_script(),
-                 exchange_all, ask_and_read_by_length});
+                 open_serial_port, exchange_all, ask_and_read_by_length});
         measure({"dump, framed, 2000-byte reads", "MB/s", megabytes_a_second, "near 1", dump_script(framed_dump),
-                 dump_all<framed_dump>, ask_and_read_to_flag});
+                 open_serial_port, dump_all<framed_dump>, ask_and_read_to_flag});
         measure({"dump, unframed, 4000-byte reads", "MB/s", megabytes_a_second, "near 1", dump_script(unframed_dump),
-                 dump_all<unframed_dump>, ask_and_read_by_length});
+                 open_serial_port, dump_all<unframed_dump>, ask_and_read_by_length});
+        measure({"NV backup, 1905 exchanges", "ms", milliseconds, "as the exchange", backup_script(), OpenSerialPort,
+                 backup_all, ask_and_read_by_length});
         return 0;
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "link_bench: %s\n", error.what());
