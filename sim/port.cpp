@@ -82,7 +82,7 @@ std::optional<Time> Port::due() const
 
 Time Port::idle_since(Time now)
 {
-    constexpr auto patience = std::chrono::seconds(2);
+    constexpr auto patience = std::chrono::seconds(5);
     int unread = 0;
     must(ioctl(slave_.get(), FIONREAD, &unread), "FIONREAD");
     const bool pending = !queue_.empty() || unread > 0;

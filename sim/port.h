@@ -40,7 +40,7 @@ public:
     // When the next byte may go out; nothing when the queue is empty.
     [[nodiscard]] std::optional<Time> due() const;
     // Since when there is nothing that the host could still read; a queue that the host does not drain counts as
-    // nothing after two seconds.
+    // nothing after five seconds.
     [[nodiscard]] Time idle_since(Time now);
 
 private:
