@@ -19,7 +19,7 @@
 //   - The words of `shell` are joined with a blank behind each, and mean what they mean to the shell.
 //
 // Decided here:
-//   - Names of modules mean just themselves, whatever is in them: they are quoted where the shell would see more.
+//   - Names of modules are quoted where the shell would see more in them than a name.
 //   - A command line of more than 511 characters is refused (`shell`: 2).
 
 #include "mdmctrl/system.h"
