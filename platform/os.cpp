@@ -1,5 +1,7 @@
 #include "platform/os.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -31,6 +33,22 @@ UniqueFile open_file(const std::string& path, const char* mode)
     return UniqueFile(fopen(path.c_str(), (std::string(mode) + "e").c_str()));
 }
 
+UniqueFile open_regular_file(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // or a FIFO would wait for its writer
+    struct stat status {};
+    if (!fd.valid() || fstat(fd.get(), &status) != 0)
+        return nullptr;
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    UniqueFile file(fdopen(fd.get(), "r"));
+    if (file)
+        (void)fd.release();
+    return file;
+}
+
 bool read_line(FILE* file, std::string& line, size_t limit)
 {
     line.clear();
@@ -60,6 +78,14 @@ std::string format_text(const char* format, va_list arguments)
 std::string error_text(int error)
 {
     return std::generic_category().message(error);
+}
+
+std::string printable(std::string_view text)
+{
+    std::string shown(text);
+    std::ranges::replace_if(
+        shown, [](unsigned char c) { return c < ' ' || c == 0x7F; }, '.');
+    return shown;
 }
 
 int run_shell(const char* format, ...)

@@ -38,6 +38,9 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // Opens `path` as fopen() does, not inherited by commands that the shell runs. Empty on failure, errno set.
 [[nodiscard]] UniqueFile open_file(const std::string& path, const char* mode);
 
+// The same for reading a regular file; anything else counts as what cannot be read, and nobody waits for it.
+[[nodiscard]] UniqueFile open_regular_file(const std::string& path);
+
 // Reads the next line of `file` into `line`, without its line feed. Of a longer line than `limit` characters the rest
 // is skipped. False at the end of the file.
 [[nodiscard]] bool read_line(FILE* file, std::string& line, size_t limit);
@@ -47,6 +50,10 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 // The text of the error number `error`, as strerror() gives it. Any thread.
 [[nodiscard]] std::string error_text(int error);
+
+// `text` with its control characters as dots: what comes from outside cannot begin a line of its own in the log. Any
+// thread.
+[[nodiscard]] std::string printable(std::string_view text);
 
 // Runs exactly the command that `format` gives with system(), standard output flushed first so that a person sees
 // events in their order. What comes from outside goes through shell_quote. Returns the raw status of system(). Main

@@ -7,6 +7,8 @@
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
+#include "wan_dloader/emergency_downloader.h"
+#include "wan_dloader/fastboot.h"
 #include "wan_dloader/nv_backup.h"
 #include "wan_dloader/nv_file.h"
 #include "wan_dloader/nv_transfer.h"
@@ -377,6 +379,19 @@ int32_t RestoreGoldenQCN(const std::string& port)
     if (!undo_cut_renewal())
         return 1;
     return restore_from(port, golden_path);
+}
+
+int32_t EraseAndRestoreQCN(const std::string& port)
+{
+    constexpr int32_t patience = 30; // seconds
+    if ((sFlashMode & flash_mode::erase_efs2) == 0) {
+        if (WaitForDiagPort(port, patience) == 0 || EnterFastbootMode(port) == 0)
+            return 1;
+        log_info("Erase EFS2");
+        (void)run_shell("fastboot erase EFS2");
+        (void)run_shell("fastboot reboot");
+    }
+    return RestoreQCN(port);
 }
 
 int32_t MakeGoldenCopy()

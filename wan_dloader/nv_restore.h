@@ -28,6 +28,10 @@ int32_t RemoveNVBackup();
 [[nodiscard]] int32_t RestoreQCN(const std::string& port);
 [[nodiscard]] int32_t RestoreGoldenQCN(const std::string& port);
 
+// Erases EFS2 by fastboot, unless the Linux image stage does that (flash_mode::erase_efs2), then RestoreQCN. 0, or 1
+// when the port does not appear, or from RestoreQCN.
+[[nodiscard]] int32_t EraseAndRestoreQCN(const std::string& port);
+
 // Makes the golden copy from the backup file where there is none yet. 1 when there is one, or there was a backup to
 // copy from; 0 with a WARNING when there was not.
 [[nodiscard]] int32_t MakeGoldenCopy();

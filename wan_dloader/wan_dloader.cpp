@@ -43,6 +43,7 @@
 #include "wan_dloader/nv_restore.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
+#include "wan_dloader/update_flow.h"
 #include "wan_dloader/version_policy.h"
 
 #include <algorithm>
@@ -61,7 +62,6 @@ constexpr int version_major = 7;
 constexpr int version_minor = 1;
 
 constexpr int32_t status_done = 0;
-constexpr int32_t status_no_update = 1;
 constexpr int32_t status_usage = 2;
 
 constexpr size_t longest_port = 127;
@@ -281,6 +281,6 @@ int32_t wan_dloader_main(int32_t argc, char** argv, const Applet* /*row*/)
         if (const auto status = take_option(option, optarg, argv[0]))
             return *status;
     }
-    log_error("Firmware update is not part of this build");
-    return status_no_update;
+    show_version(argv[0]);
+    return run_update();
 }
