@@ -1,6 +1,6 @@
 // Speed of the transport beside its limit, over a pseudo-terminal whose other end is the same peer for both: what an
-// exchange, a memory dump and an NV backup take, and what a bare loop takes that writes the same requests and waits for
-// the same replies, in one thread, with blocking calls and a look at nothing.
+// exchange, a memory dump, an NV backup and the writing of an image take, and what a bare loop takes that writes the
+// same requests and waits for the same replies, in one thread, with blocking calls and a look at nothing.
 //
 // Product and bare loop take turns, round by round, over one script. Prints one row a measurement, cells separated by
 // tabs: what, product, bare, ratio, the quartiles of the ratio, aim. Each is the median of the rounds, the ratio too:
@@ -17,6 +17,8 @@
 #include "modem_peer.h"
 #include "wan_dloader/nv_backup.h"
 #include "wan_dloader/nv_tables.h"
+#include "wan_dloader/run_settings.h"
+#include "wan_dloader/streaming_download.h"
 
 #include <algorithm>
 #include <array>
@@ -36,6 +38,7 @@ constexpr int rounds = 101;
 constexpr uint32_t exchanges = 200;         // a round
 constexpr uint32_t dump_size = 400'000;     // bytes a round
 constexpr uint32_t backup_size = 208'089;   // bytes
+constexpr uint32_t image_size = 400 * 1024; // bytes a round
 constexpr uint32_t dump_base = 0x4000'0000; // where the memory begins
 
 // ---- scripts ----
@@ -170,6 +173,36 @@ std::vector<Turn> backup_script()
     return script;
 }
 
+// The bytes of an image, in the file that the product reads and in the frames that the bare loop sends.
+Bytes image_bytes()
+{
+    std::mt19937 random(1); // NOLINT(cert-msc32-c,cert-msc51-cpp): every run measures the same bytes
+    return random_packet(random, {}, image_size);
+}
+
+// Stream writes: 07, offset (4), 1024 bytes; answered by 08 and the offset.
+std::vector<Turn> image_script()
+{
+    constexpr size_t block = 1024;
+    const Bytes image = image_bytes();
+    std::vector<Turn> script;
+    for (size_t offset = 0; offset < image.size(); offset += block) {
+        Bytes header(5);
+        put_u8(header, 0, 0x07);
+        put_le32(header, 1, static_cast<uint32_t>(offset));
+        Bytes packet = header;
+        const auto data = std::span(image).subspan(offset, block);
+        packet.insert(packet.end(), data.begin(), data.end());
+        Bytes request = frame(packet);
+        if (request.size() % 64 == 0) // then the engine sends a second flag, for the sake of the USB link
+            request.push_back(HDLC_END_OF_PACKET_CHAR);
+        request.insert(request.begin(), HDLC_END_OF_PACKET_CHAR);
+        put_u8(header, 0, 0x08);
+        script.push_back({request, frame(header)});
+    }
+    return script;
+}
+
 // ---- product: one round on the open port ----
 
 void exchange_all()
@@ -232,6 +265,33 @@ void backup_all()
         throw std::runtime_error("a backup is not whole");
 }
 
+// The file with the image, while it lives.
+class ImageFile {
+public:
+    ImageFile()
+    {
+        ImagePath = std::filesystem::temp_directory_path().string() + "/";
+        const Bytes image = image_bytes();
+        const UniqueFile file = open_file(ImagePath + name(), "w");
+        if (file == nullptr || fwrite(image.data(), 1, image.size(), file.get()) != image.size())
+            throw std::runtime_error("cannot write an image");
+    }
+    ImageFile(const ImageFile&) = delete;
+    ImageFile& operator=(const ImageFile&) = delete;
+    ImageFile(ImageFile&&) = delete;
+    ImageFile& operator=(ImageFile&&) = delete;
+    ~ImageFile() { (void)unlink((ImagePath + name()).c_str()); }
+
+    static std::string name() { return "link_bench-" + std::to_string(getpid()); }
+};
+
+void write_image()
+{
+    const Quiet quiet;
+    if (SendBootLoader(ImageFile::name()) != 0)
+        throw std::runtime_error("an image is not whole");
+}
+
 // ---- bare loops: one turn ----
 
 std::array<uint8_t, size_t{2} * pktio_buffer_size> reply_buffer; // room for any reply
@@ -273,6 +333,11 @@ double microseconds_an_exchange(double seconds)
 double milliseconds(double seconds)
 {
     return seconds * 1e3;
+}
+
+double image_megabytes_a_second(double seconds)
+{
+    return image_size / seconds * 1e-6;
 }
 
 double megabytes_a_second(double seconds)
@@ -341,6 +406,9 @@ int main()
                  open_serial_port, dump_all<unframed_dump>, ask_and_read_by_length});
         measure({"NV backup, 1905 exchanges", "ms", milliseconds, "as the exchange", backup_script(), OpenSerialPort,
                  backup_all, ask_and_read_by_length});
+        const ImageFile image;
+        measure({"image, 1024-byte writes", "MB/s", image_megabytes_a_second, "at least 0.83", image_script(),
+                 OpenSerialPort, write_image, ask_and_read_by_length});
         return 0;
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "link_bench: %s\n", error.what());
