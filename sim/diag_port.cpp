@@ -19,7 +19,11 @@ constexpr size_t digits_at = 1, size = 7;
 
 constexpr uint8_t sku_request[] = {0x4B, 0x00, 0x44, 0x00}; // the answer has the SKU behind it
 constexpr uint8_t version_code = 0x00;
-constexpr uint8_t dload_codes[] = {0x06, 0x07, 0x0A, 0x10, 0x12, 0x14};
+// The modem's clock; the answer has 8 bytes of time behind the code.
+constexpr uint8_t clock_code = 0x1D;
+constexpr uint8_t dload_codes[] = {0x01, 0x05, 0x06, 0x07, 0x0A, 0x0F, 0x10, 0x12, 0x14};
+
+constexpr uint8_t fastboot_service[] = {0x4B, 0x00, 0x50, 0x00};
 
 // Requests that are answered by an echo and then obeyed. A request that begins like a row, up to `key` bytes, but
 // equals none is malformed.
@@ -48,9 +52,9 @@ bool is_nv_code(uint8_t code)
 class Diag : public Protocol {
 public:
     Diag(const NvStore& nv, std::unique_ptr<Protocol> service, std::unique_ptr<Protocol> files, uint32_t sku,
-         std::string spc, const Journal& journal)
+         std::string spc, bool knows_fastboot, const Journal& journal)
         : nv_(nv), service_(std::move(service)), files_(std::move(files)), sku_(sku), spc_(std::move(spc)),
-          journal_(journal)
+          knows_fastboot_(knows_fastboot), journal_(journal)
     {
     }
 
@@ -65,6 +69,8 @@ public:
             return programming_code(request);
         if (code == version_code && request.size() == 1)
             return {.packet = with_code(version_code, bytes_of("Jan 01 202412:00:00Jan 01 202412:00:00VIRTUAL "))};
+        if (code == clock_code && request.size() == 1)
+            return {.packet = {clock_code, 0x00, 0x00, 0x40, 0x0B, 0xE1, 0x92, 0xD8, 0x00}};
         if (std::ranges::equal(request, sku_request)) {
             Bytes packet = copy_of(request);
             add_le32(packet, sku_);
@@ -100,8 +106,12 @@ private:
 
     Reply order(View request) const
     {
-        bool begins = request.front() == version_code || starts_with(request, sku_request), fits = false;
+        bool begins =
+                 request.front() == version_code || request.front() == clock_code || starts_with(request, sku_request),
+             fits = false;
         for (const Order& row : orders) {
+            if (row.then == Then::enter_fastboot && !knows_fastboot_)
+                continue;
             if (std::ranges::equal(View(row.bytes).first(row.size), request))
                 return {.packet = copy_of(request), .then = row.then};
             if (!starts_with(request, View(row.bytes).first(row.key)))
@@ -109,6 +119,8 @@ private:
             begins = true;
             fits = fits || row.size == request.size();
         }
+        if (!knows_fastboot_ && starts_with(request, fastboot_service))
+            return {.packet = with_code(unknown_command, request)};
         if (begins)
             return error(request, fits ? bad_parameter : bad_length, "malformed DIAG request " + hex(request));
         if (std::ranges::find(dload_codes, request.front()) != std::end(dload_codes))
@@ -158,6 +170,7 @@ private:
     std::unique_ptr<Protocol> files_;
     uint32_t sku_;
     std::string spc_;
+    bool knows_fastboot_;
     const Journal& journal_;
     bool unlocked_ = false; // until the modem resets
 };
@@ -165,10 +178,11 @@ private:
 } // namespace
 
 std::unique_ptr<Protocol> make_diag(const NvStore& nv, std::unique_ptr<Protocol> service,
-                                    std::unique_ptr<Protocol> files, uint32_t sku, std::string spc,
+                                    std::unique_ptr<Protocol> files, uint32_t sku, std::string spc, bool knows_fastboot,
                                     const Journal& journal)
 {
-    return std::make_unique<Diag>(nv, std::move(service), std::move(files), sku, std::move(spc), journal);
+    return std::make_unique<Diag>(nv, std::move(service), std::move(files), sku, std::move(spc), knows_fastboot,
+                                  journal);
 }
 
 } // namespace sim

@@ -86,6 +86,12 @@ uint32_t EfsStore::Status::mode() const
     return static_cast<uint32_t>(type) | (type == EfsType::regular ? anyone_reads_and_writes : anyone_does_all);
 }
 
+void EfsStore::clear() const
+{
+    for (const auto& entry : fs::directory_iterator(tree_))
+        fs::remove_all(entry.path());
+}
+
 void EfsStore::load(const std::optional<fs::path>& from) const
 {
     if (!from) {

@@ -74,6 +74,8 @@ public:
 
     // Puts a copy of the tree `from` in the place of this one, or a small standard tree. Throws UsageError.
     void load(const std::optional<fs::path>& from) const;
+    // Takes away all files.
+    void clear() const;
 
     // A path begins at the top, also without a slash. All of these throw EfsFailure, and std::system_error where this
     // machine fails. A link that a path ends in is followed, except by `remove`.

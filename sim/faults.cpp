@@ -4,7 +4,7 @@ namespace sim {
 
 namespace {
 
-enum class Argument { none, optional, number, text };
+enum class Argument { none, optional, optional_text, number, text };
 
 struct FaultRow {
     std::string_view word; // "at-": of AT commands, else of replies on the packet port
@@ -21,11 +21,14 @@ constexpr FaultRow rows[] = {
     {"badfcs", Argument::none, 0, "", "the frame's check sequence is wrong"},
     {"nak", Argument::optional, 6, "[:REASON]", "03 00 REASON instead (6)"},
     {"refuse", Argument::number, 0, ":CODE",
-     "a refusal instead: modem service error, EFS2 error number, NV status, DIAG error answer, or NAK of number CODE"},
-    {"error", Argument::optional, 0x13, "[:CODE]", "CODE and the request instead (0x13)"},
+     "a refusal instead: modem service error, EFS2 error number, NV status, DIAG error answer, NAK, status of a "
+     "partition table, or flash error of number CODE"},
+    {"error", Argument::optional, 0x13, "[:CODE]",
+     "CODE and the request instead (0x13); of a flash programmer, error CODE"},
     {"short", Argument::number, 0, ":BYTES", "the reply is cut to BYTES bytes, with a good FCS"},
     {"oversize", Argument::none, 0, "", "the length that the reply announces is all ones"},
     {"sequence", Argument::none, 0, "", "the sequence number of the reply to a get or put is one too high"},
+    {"log", Argument::optional_text, 0, "[:TEXT]", "a packet 0E and TEXT comes first"},
     {"empty", Argument::none, 0, "", "two flags come first"},
     {"noise", Argument::none, 0, "", "one packet of every code that a host ignores comes first"},
     {"stray", Argument::none, 0, "", "a packet that no host knows comes first"},
@@ -45,6 +48,7 @@ constexpr FaultRow rows[] = {
 
 // What a running modem sends unasked, by first byte, and one that no host knows.
 constexpr uint8_t ignorable_codes[] = {0x1F, 0x60, 0x79, 0x7E, 0x92, 0x10}, stray_code = 0xA5;
+constexpr uint8_t log_code = 0x0E; // a text that a flash programmer has for the host
 
 Bytes unasked(uint8_t code)
 {
@@ -64,27 +68,34 @@ Fault Fault::parse(std::string_view given)
     const auto wrong = [&](const std::string& why) {
         return UsageError("--fault " + std::string(given) + ": " + why + "\nfaults are\n" + help());
     };
-    const size_t at = given.find('@'), colon = given.find(':');
-    const auto row = std::ranges::find(rows, given.substr(0, at), &FaultRow::word);
+    std::string_view mode;
+    std::string_view rest = given;
+    for (const std::string_view row : fault_modes)
+        if (given.starts_with(row) && given.substr(row.size()).starts_with('/')) {
+            mode = row;
+            rest = given.substr(row.size() + 1);
+        }
+    const size_t at = rest.find('@'), colon = rest.find(':');
+    const auto row = std::ranges::find(rows, rest.substr(0, at), &FaultRow::word);
     if (row == std::end(rows) || at == std::string_view::npos)
         throw wrong("not WORD@N");
-    std::string_view count = given.substr(at + 1, colon - at - 1);
+    std::string_view count = rest.substr(at + 1, colon - at - 1);
     const bool plus = count.ends_with('+');
     const auto first = parse_number(count.substr(0, count.size() - (plus ? 1 : 0)));
     if (!first || *first == 0)
         throw wrong("N is a number from 1");
 
     const bool has_argument = colon != std::string_view::npos;
-    const std::string_view argument = has_argument ? given.substr(colon + 1) : std::string_view();
+    const std::string_view argument = has_argument ? rest.substr(colon + 1) : std::string_view();
     if (has_argument ? row->argument == Argument::none : row->argument >= Argument::number)
         throw wrong(has_argument ? "takes no argument" : "the argument is missing");
     std::optional<uint32_t> number = row->standard;
-    if (has_argument && row->argument != Argument::text)
+    if (has_argument && row->argument != Argument::text && row->argument != Argument::optional_text)
         number = parse_number(argument);
     if (!number)
         throw wrong("the argument is not a number");
-    return {std::string(row->word), *first, plus || row->word == "silence", *number, std::string(argument),
-            std::string(given)};
+    return {std::string(mode),     std::string(row->word), *first, plus || row->word == "silence", *number,
+            std::string(argument), std::string(given)};
 }
 
 std::string Fault::help()
@@ -99,16 +110,27 @@ std::string Fault::help()
     return text;
 }
 
+const Fault* Faults::find(std::string_view word, unsigned count) const
+{
+    const auto strikes = [&](const Fault& fault) {
+        return fault.word == word && (fault.mode.empty() || fault.mode == mode_) && count >= fault.first &&
+               (count == fault.first || fault.onwards);
+    };
+    const auto found = std::ranges::find_if(faults_, strikes);
+    return found == faults_.end() ? nullptr : &*found;
+}
+
 const Fault* Faults::due(std::string_view word) const
 {
-    const unsigned count = word.starts_with("at-") ? commands_ : replies_;
-    for (const Fault& fault : faults_) {
-        if (fault.word != word || count < fault.first || (count > fault.first && !fault.onwards))
-            continue;
-        journal_.note("fault " + fault.given);
-        return &fault;
-    }
-    return nullptr;
+    const Fault* fault = find(word, word.starts_with("at-") ? commands_ : replies_);
+    if (fault != nullptr)
+        journal_.note("fault " + fault->given);
+    return fault;
+}
+
+bool Faults::will_refuse() const
+{
+    return find("refuse", replies_ + 1) != nullptr || find("error", replies_ + 1) != nullptr;
 }
 
 void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
@@ -126,7 +148,7 @@ void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
     if (const Fault* fault = due("refuse"))
         replace(protocol.refusal(request, fault->number));
     if (const Fault* fault = due("error"))
-        replace(with_code(byte_of(fault->number, 0), request));
+        replace(protocol.error_answer(request, fault->number));
     if (const Fault* fault = due("short"))
         cut(reply.packet, fault->number);
 }
@@ -142,6 +164,8 @@ Delivery Faults::deliver(Reply reply, View request, const Protocol& protocol)
 
     Delivery delivery;
     const auto put = [&](const Bytes& bytes) { delivery.chunks.push_back({.bytes = bytes}); };
+    if (const Fault* fault = due("log"))
+        put(frame(with_code(log_code, bytes_of(fault->text))));
     if (due("empty") != nullptr)
         put({flag_byte, flag_byte});
     if (due("noise") != nullptr)

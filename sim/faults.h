@@ -1,5 +1,5 @@
-// Failures on demand: WORD@N[+][:ARG], one of the rows that `help` prints. N counts the replies of the packet port, or
-// the commands on the AT ports, from 1 at the start of each mode of the modem.
+// Failures on demand: [MODE/]WORD@N[+][:ARG], one of the rows that `help` prints. N counts the replies of the packet
+// port, or the commands on the AT ports, from 1 at the start of each mode of the modem.
 #pragma once
 
 #include "port.h"
@@ -7,7 +7,11 @@
 
 namespace sim {
 
+// What the modem speaks on its packet port: the words before a fault that is meant for one of them.
+constexpr std::string_view fault_modes[] = {"diag", "dload", "flash"};
+
 struct Fault {
+    std::string mode; // empty: any
     std::string word;
     unsigned first;
     bool onwards;
@@ -30,20 +34,29 @@ class Faults {
 public:
     Faults(std::vector<Fault> faults, const Journal& journal) : faults_(std::move(faults)), journal_(journal) {}
 
-    void begin_mode() { replies_ = commands_ = 0; }
+    void begin_mode(std::string_view mode)
+    {
+        mode_ = mode;
+        replies_ = commands_ = 0;
+    }
 
+    // Whether the next request will be refused.
+    [[nodiscard]] bool will_refuse() const;
     [[nodiscard]] Delivery deliver(Reply reply, View request, const Protocol& protocol);
     // An AT command was received; true when it fails although it would have been obeyed.
     [[nodiscard]] bool refuse_command(bool turns_echo_off);
     [[nodiscard]] Delivery deliver_at(std::string answer) const;
 
 private:
-    // The fault of this word that is due now, noted in the journal.
+    // The fault of this word that is due at this count.
+    [[nodiscard]] const Fault* find(std::string_view word, unsigned count) const;
+    // The one that is due now, noted in the journal.
     [[nodiscard]] const Fault* due(std::string_view word) const;
     void spoil(Reply& reply, View request, const Protocol& protocol) const;
 
     std::vector<Fault> faults_;
     const Journal& journal_;
+    std::string mode_;
     unsigned replies_ = 0;
     unsigned commands_ = 0;
 };

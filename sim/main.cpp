@@ -35,6 +35,8 @@ void prepare(const Options& options, const fs::path& root)
         store.load(*items, options.nv.value_or("default"));
     if (options.efs || fs::is_empty(root / "modem/efs"))
         EfsStore(root / "modem/efs").load(options.efs);
+    if (options.flash || !fs::exists(root / "modem/flash"))
+        FlashStore(root / "modem/flash", *options.machine.modem.chip).load(options.flash);
 }
 
 void warn(const Machine& machine, std::ostream& warnings)

@@ -13,7 +13,8 @@ constexpr milliseconds last_words{300};
 constexpr milliseconds never{-1};
 constexpr const char* gone = "state gone";
 
-constexpr const char* mode_names[] = {"absent", "off", "normal", "partial", "offline", "dload", "fastboot"};
+constexpr const char* mode_names[] = {"absent", "off",      "normal",  "partial", "offline",
+                                      "dload",  "fastboot", "bootrom", "flash"};
 
 // What shows a modem, from the bus to the ports.
 constexpr std::string_view bus_driver = "ehci_hcd", network_driver = "rmnet_usb";
@@ -21,6 +22,27 @@ constexpr std::string_view tty_drivers[] = {"usbserial", "usb_wwan", bus_driver,
 
 constexpr const char* packet_port = "ttyUSB0";
 constexpr const char* text_ports[] = {"ttyUSB1", "ttyUSB2"};
+
+// Which faults are meant for a mode.
+std::string_view fault_mode(Mode mode)
+{
+    switch (mode) {
+    case Mode::normal:
+    case Mode::partial:
+        return "diag";
+    case Mode::dload:
+    case Mode::bootrom:
+        return "dload";
+    case Mode::flash:
+        return "flash";
+    case Mode::absent:
+    case Mode::off:
+    case Mode::offline:
+    case Mode::fastboot:
+        return "";
+    }
+    return "";
+}
 
 std::string state(Mode mode)
 {
@@ -31,8 +53,9 @@ std::string state(Mode mode)
 
 Modem::Modem(const fs::path& root, const ModemSettings& settings, const Modules& modules, const Journal& journal)
     : nodes_(root / "dev"), home_(root / "modem"), settings_(settings), modules_(modules), journal_(journal),
-      faults_(settings.faults, journal_), nv_(home_ / "nv"), memory_(settings.regions, settings.seed),
-      sysfs_(root / "sys", settings.sysfs), powered_(settings.mode != Mode::off), linked_(powered_)
+      faults_(settings.faults, journal_), nv_(home_ / "nv"), flash_(home_ / "flash", *settings.chip),
+      memory_(settings.regions, settings.seed), sysfs_(root / "sys", settings.sysfs), usb_(nodes_, settings.usb),
+      powered_(settings.mode != Mode::off), linked_(powered_)
 {
     // Links that a tablet that was killed has left lead to other people's terminals.
     for (const char* node : {packet_port, text_ports[0], text_ports[1]})
@@ -40,19 +63,33 @@ Modem::Modem(const fs::path& root, const ModemSettings& settings, const Modules&
     enter(settings.mode);
 }
 
+Mode Modem::started() const
+{
+    if (flash_.lacks(Need::start))
+        return Mode::bootrom;
+    return flash_.lacks(Need::linux_system) ? Mode::fastboot : Mode::normal;
+}
+
 void Modem::enter(Mode mode)
 {
-    mode_ = mode;
-    faults_.begin_mode();
-    if (mode == Mode::dload) {
+    mode_ = mode == Mode::normal ? started() : mode;
+    faults_.begin_mode(fault_mode(mode_));
+    if (mode_ == Mode::dload)
         memory_.save(home_ / "memory");
-        protocol_ = make_dload(memory_, settings_.dload_version, settings_.region_table, journal_);
-    } else if (mode == Mode::normal || mode == Mode::partial) {
-        protocol_ = make_diag(nv_, make_service(home_, settings_.apps_version, journal_),
-                              make_efs2(EfsStore(home_ / "efs"), journal_), settings_.sku, settings_.spc, journal_);
+    if (mode_ == Mode::dload || mode_ == Mode::bootrom) {
+        protocol_ = make_dload(memory_,
+                               {settings_.dload_version, settings_.region_table, flash_.chip().wide_addresses,
+                                mode_ == Mode::bootrom, home_ / "ram.bin"},
+                               journal_);
+    } else if (mode_ == Mode::flash) {
+        protocol_ = make_flash_programmer(flash_, journal_);
+    } else if (is_running()) {
+        const std::string apps = flash_.version_of(apps_partition).value_or(settings_.apps_version);
+        protocol_ = make_diag(nv_, make_service(home_, apps, journal_), make_efs2(EfsStore(home_ / "efs"), journal_),
+                              settings_.sku, settings_.spc, settings_.knows_fastboot, journal_);
     }
     follow_modules();
-    journal_.note(state(mode));
+    journal_.note(state(mode_));
 }
 
 void Modem::come_up()
@@ -106,15 +143,19 @@ void Modem::switch_link(char word)
 
 void Modem::follow_modules()
 {
-    const bool running = mode_ == Mode::normal || mode_ == Mode::partial;
-    const bool seen = running || mode_ == Mode::dload;
+    const bool running = is_running(), booting = mode_ == Mode::fastboot;
+    const bool loading = mode_ == Mode::dload || mode_ == Mode::bootrom || mode_ == Mode::flash;
+    const UsbFace face = booting ? UsbFace::fastboot : running ? UsbFace::running : UsbFace::loading;
 
     // A host that finds the network device or the first port then looks for the others: those two come last.
-    if (!seen || !modules_.loaded(bus_driver))
+    if (!(running || loading || booting) || !modules_.loaded(bus_driver)) {
         sysfs_.hide_device();
-    else
-        sysfs_.show_device(mode_ == Mode::dload);
-    if (!seen || !modules_.loaded(tty_drivers)) {
+        usb_.hide();
+    } else {
+        sysfs_.show_device(face);
+        usb_.show(face);
+    }
+    if (!(running || loading) || !modules_.loaded(tty_drivers)) {
         lines_.clear();
     } else if (lines_.empty()) {
         const size_t texts = mode_ == Mode::normal ? 2 : running ? 1 : 0;
@@ -132,7 +173,24 @@ void Modem::plug_in(const std::string& node)
 {
     lines_.push_back({Port(nodes_ / node), {}, {}});
     if (node != packet_port)
-        lines_.back().at.emplace(node, settings_.revision, faults_, journal_);
+        lines_.back().at.emplace(node, flash_.version_of(flash_.chip().firmware).value_or(settings_.revision), faults_,
+                                 journal_);
+}
+
+bool Modem::in_fastboot() const
+{
+    return mode_ == Mode::fastboot && !departure_ && modules_.loaded(bus_driver);
+}
+
+bool Modem::has_adb() const
+{
+    return is_running() && settings_.usb.adb && !departure_ && modules_.loaded(bus_driver);
+}
+
+void Modem::erase_files()
+{
+    EfsStore(home_ / "efs").clear();
+    nv_.wipe();
 }
 
 void Modem::leave(Mode next, milliseconds away)
@@ -225,8 +283,10 @@ void Modem::receive_packets(Line& line, View input)
         const View request = received->packet;
         Reply reply;
         if (received->state == FrameState::good) {
-            journal_.request(line.port.name(), request);
-            reply = protocol_->answer(request);
+            if (!protocol_->is_block(request))
+                journal_.request(line.port.name(), request);
+            const bool refused = protocol_->heeds_refusals() && faults_.will_refuse();
+            reply = refused ? Reply{.packet = protocol_->refusal(request, 0)} : protocol_->answer(request);
         } else {
             constexpr const char* texts[] = {"", "bad FCS", "aborted frame", "frame that is too long"};
             journal_.complain(texts[static_cast<size_t>(received->state)]);
@@ -257,6 +317,10 @@ void Modem::carry_out(Then then)
         return leave(Mode::normal, settings_.reenumerate);
     case Then::enter_fastboot:
         return leave(Mode::fastboot, settings_.reenumerate);
+    case Then::start_programmer:
+        if (flash_.chip().keeps_port)
+            return enter(Mode::flash);
+        return leave(Mode::flash, settings_.reenumerate);
     }
 }
 

@@ -3,21 +3,27 @@
 
 #include "at_port.h"
 #include "modules.h"
-#include "sysfs.h"
+#include "usb_nodes.h"
 
 #include <poll.h>
 
 namespace sim {
 
-// A modem that is `partial` runs, but shows only the first two of its three ttys.
-enum class Mode { absent, off, normal, partial, offline, dload, fastboot };
+// A modem that is `partial` runs, but shows only the first two of its three ttys. `bootrom` is DLOAD without boot code,
+// `flash` a flash programmer that DLOAD has started.
+enum class Mode { absent, off, normal, partial, offline, dload, fastboot, bootrom, flash };
 
 struct ModemSettings {
     Mode mode = Mode::normal;
     std::chrono::milliseconds reenumerate{300};
     std::chrono::milliseconds power_up{1500};
-    std::vector<Mode> boot{Mode::normal}; // what each power-up leads to; the last one counts for all that follow
+    // What each power-up leads to; the last one counts for all that follow. A normal start ends where the flash lets
+    // it.
+    std::vector<Mode> boot{Mode::normal};
+    const Chip* chip = chips;
+    bool knows_fastboot = true; // by a DIAG request
     SysfsSettings sysfs;
+    UsbNodesSettings usb;
     uint8_t dload_version = 7;
     std::vector<Region> regions;
     std::optional<Bytes> region_table;
@@ -41,6 +47,12 @@ public:
     void switch_power(char word);
     void switch_link(char word);
     [[nodiscard]] bool is_powered() const { return powered_; }
+    // What the tools fastboot and adb reach.
+    [[nodiscard]] bool in_fastboot() const;
+    [[nodiscard]] bool has_adb() const;
+    [[nodiscard]] const FlashStore& flash() const { return flash_; }
+    void erase_files(); // EFS2, and what NV items hold
+    void restart(Mode next) { leave(next, settings_.reenumerate); }
     // Nodes come and go with the drivers that give them.
     void follow_modules();
 
@@ -56,6 +68,8 @@ private:
     };
 
     [[nodiscard]] bool is_up() const { return mode_ != Mode::absent && mode_ != Mode::off; }
+    [[nodiscard]] bool is_running() const { return mode_ == Mode::normal || mode_ == Mode::partial; }
+    [[nodiscard]] Mode started() const;
     void enter(Mode mode);
     void come_up();
     void vanish(Mode next);
@@ -74,9 +88,11 @@ private:
     const Journal& journal_;
     Faults faults_;
     NvStore nv_;
+    FlashStore flash_;
     Memory memory_;
     std::unique_ptr<Protocol> protocol_; // of the packet port
     Sysfs sysfs_;
+    UsbNodes usb_;
     bool powered_;
     bool linked_;
     size_t boots_ = 0;

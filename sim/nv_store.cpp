@@ -111,6 +111,20 @@ uint16_t NvStore::write(uint16_t number, View value) const
     return nv_done;
 }
 
+void NvStore::wipe() const
+{
+    for (const auto& entry : fs::directory_iterator(directory_)) {
+        const auto number = parse_number(entry.path().filename().string(), UINT16_MAX);
+        auto item = number ? find(static_cast<uint16_t>(*number)) : std::nullopt;
+        if (!item)
+            continue;
+        for (auto& [index, value] : item->values)
+            if (value.write_status == nv_done)
+                std::ranges::fill(value.bytes, uint8_t{0});
+        save(static_cast<uint16_t>(*number), *item);
+    }
+}
+
 bool NvStore::is_protected(uint16_t number) const
 {
     const auto item = find(number);

@@ -31,6 +31,8 @@ public:
     // `value` is the packet's data field: index in its first byte for an indexed item. Both return an NV status.
     [[nodiscard]] uint16_t read(uint16_t number, Bytes& value) const;
     [[nodiscard]] uint16_t write(uint16_t number, View value) const;
+    // Makes the bytes of all values zero that can be written at all.
+    void wipe() const;
     // An item, all of its indices, is as protected as any of its values.
     [[nodiscard]] bool is_protected(uint16_t number) const;
 

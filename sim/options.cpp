@@ -24,10 +24,11 @@ uint32_t number(std::string_view text, uint32_t most = UINT32_MAX)
 template <typename Value>
 using Choice = std::pair<std::string_view, Value>;
 
-constexpr Choice<Mode> modes[] = {
-    {"normal", Mode::normal}, {"crashed", Mode::dload}, {"off", Mode::off}, {"absent", Mode::absent}};
-constexpr Choice<Mode> boots[] = {
-    {"normal", Mode::normal}, {"crashed", Mode::dload}, {"partial", Mode::partial}, {"never", Mode::absent}};
+constexpr Choice<Mode> modes[] = {{"normal", Mode::normal}, {"crashed", Mode::dload},     {"off", Mode::off},
+                                  {"absent", Mode::absent}, {"fastboot", Mode::fastboot}, {"bootrom", Mode::bootrom}};
+constexpr Choice<Mode> boots[] = {{"normal", Mode::normal}, {"crashed", Mode::dload},     {"partial", Mode::partial},
+                                  {"never", Mode::absent},  {"fastboot", Mode::fastboot}, {"bootrom", Mode::bootrom}};
+constexpr Choice<bool> switches[] = {{"on", true}, {"off", false}};
 constexpr Choice<Bwan> bwans[] = {
     {"ok", Bwan::ok}, {"missing", Bwan::missing}, {"refused", Bwan::refused}, {"failing", Bwan::failing}};
 // The first characters name the board.
@@ -70,6 +71,17 @@ void show_usb_file(Options& options, std::string_view given)
     if (equals == given.size() || !plain)
         throw UsageError("not NAME=TEXT, with \\n and \\xNN: " + std::string(given));
     options.machine.modem.sysfs.texts[std::string(name)] = text == "-" ? std::nullopt : plain;
+}
+
+// A word, or descriptors as hex digits.
+void add_usb_device(Options& options, std::string_view given)
+{
+    const auto bytes = given == "fastboot" ? usb_fastboot_device()
+                       : given == "adb"    ? usb_adb_device()
+                                           : parse_hex(given);
+    if (!bytes)
+        throw UsageError("not fastboot, adb or hex digits: " + std::string(given));
+    options.machine.modem.usb.others.push_back(*bytes);
 }
 
 std::vector<std::string> module_names(std::string_view list)
@@ -125,14 +137,27 @@ constexpr OptionRow rows[] = {
              throw UsageError("no such program: " + std::string(text));
          options.tablet.tessel = text;
      }},
-    {"--modem", "MODE", "normal, crashed, off or absent (normal)",
+    {"--modem", "MODE", "normal, crashed, fastboot, bootrom, off or absent (normal)",
      [](Options& options, std::string_view text) { options.machine.modem.mode = chosen(modes, text).second; }},
-    {"--boot", "LIST", "what each power-up leads to, with commas: normal, crashed, partial, never (normal)",
+    {"--boot", "LIST",
+     "what each power-up leads to, with commas: normal, crashed, partial, fastboot, bootrom, never (normal)",
      [](Options& options, std::string_view text) {
          options.machine.modem.boot.clear();
          for (const std::string_view word : split(text, ','))
              options.machine.modem.boot.push_back(chosen(boots, word).second);
      }},
+    {"--chip", "CHIP", "the modem's chip: mdm9615, mdm9600 or qsc6270 (mdm9615)",
+     [](Options& options, std::string_view text) { options.machine.modem.chip = &chosen(chips, text); }},
+    {"--flash", "DIR", "the files that are the partitions of the modem's flash to begin with",
+     [](Options& options, std::string_view text) { options.flash = text; }},
+    {"--diag-fastboot", "on|off", "whether the modem knows the DIAG request that leads to fastboot (on)",
+     [](Options& options, std::string_view text) {
+         options.machine.modem.knows_fastboot = chosen(switches, text).second;
+     }},
+    {"--adb", "on|off", "whether a running modem has an adb interface (on)",
+     [](Options& options, std::string_view text) { options.machine.modem.usb.adb = chosen(switches, text).second; }},
+    {"--usb-device", "KIND", "one more device on the bus: fastboot, adb, or the bytes of its descriptors; many times",
+     add_usb_device},
     {"--power-up", "MS", "how long the modem takes from being switched on to its nodes (1500)",
      [](Options& options, std::string_view text) {
          options.machine.modem.power_up = std::chrono::milliseconds(number(text));
@@ -188,11 +213,11 @@ constexpr OptionRow rows[] = {
              throw UsageError("no module file: " + std::string(text));
          options.tablet.missing_modules.emplace_back(text);
      }},
-    {"--fail", "TOOL[:WORD]", "calls of this tool fail, or those whose last argument is a file WORD; many times",
+    {"--fail", "TOOL[:WORD]", "calls of this tool fail, or those with an argument WORD or a file WORD; many times",
      [](Options& options, std::string_view text) { options.machine.failures.push_back(ToolFailure::parse(text)); }},
     {"--wifi-only", "", "no modem, no power files",
      [](Options& options, std::string_view) { options.machine.wifi_only = true; }},
-    {"--fault", "WORD@N[+][:ARG]", "fail at the N-th reply, with + from there on; may be given many times",
+    {"--fault", "[MODE/]WORD@N[+][:ARG]", "fail at the N-th reply, with + from there on; may be given many times",
      [](Options& options, std::string_view text) { options.machine.modem.faults.push_back(Fault::parse(text)); }},
 };
 
@@ -271,7 +296,8 @@ options
         form.resize(std::max(width, form.size() + 1), ' ');
         text += form + row.help + "\n";
     }
-    text += "\nfaults (at-... count AT commands, the others replies on ttyUSB0, from 1 in every mode of the modem)\n" +
+    text += "\nfaults (at-... count AT commands, the others replies on ttyUSB0, from 1 in every mode of the modem;\n"
+            "MODE is diag, dload or flash: in that one only)\n" +
             Fault::help();
     text += "\nexit status: CMD's; 2 for a wrong command line, 1 when the tablet cannot be made, 127 when the sandbox "
             "cannot be started\n";

@@ -13,6 +13,7 @@ struct Options {
     std::optional<fs::path> root;
     std::optional<fs::path> nv;
     std::optional<fs::path> efs;
+    std::optional<fs::path> flash;
     TabletSettings tablet;
     MachineSettings machine;
     std::vector<std::string> command;

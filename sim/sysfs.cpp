@@ -22,7 +22,7 @@ Sysfs::~Sysfs()
     hide_network();
 }
 
-void Sysfs::show_device(bool crashed)
+void Sysfs::show_device(UsbFace face)
 {
     const fs::path directory = sys_ / settings_.place->directory;
     if (*settings_.place->directory == '\0' || std::exchange(device_, true))
@@ -30,7 +30,7 @@ void Sysfs::show_device(bool crashed)
     const fs::path interface = directory / (directory.filename().string() + ":1.0");
     fs::create_directories(interface);
     for (const UsbFile& file : usb_files) {
-        std::optional<std::string> text = crashed ? file.crashed : file.running;
+        std::optional<std::string> text = file.texts[static_cast<size_t>(face)];
         if (const auto given = settings_.texts.find(file.name); given != settings_.texts.end())
             text = given->second;
         if (text)

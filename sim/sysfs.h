@@ -20,18 +20,21 @@ constexpr UsbPlace usb_places[] = {
     {"none", ""},
 };
 
-// A file of the device and what it says of a running and of a crashed modem.
+// What a modem on the bus shows itself as: one that runs, one that loads (DLOAD and flash programmers), its boot
+// loader.
+enum class UsbFace : uint8_t { running, loading, fastboot };
+
+// A file of the device and what it says, by face.
 struct UsbFile {
     std::string_view name;
     bool of_interface; // in the subdirectory of interface 0
-    const char* running;
-    const char* crashed;
+    const char* texts[3];
 };
 
 constexpr UsbFile usb_files[] = {
-    {"idVendor", false, "05c6\n", "05c6\n"},      {"idProduct", false, "9025\n", "9008\n"},
-    {"bInterfaceClass", true, "ff\n", "ff\n"},    {"bInterfaceSubClass", true, "ff\n", "ff\n"},
-    {"bInterfaceProtocol", true, "ff\n", "ff\n"},
+    {"idVendor", false, {"05c6\n", "05c6\n", "18d1\n"}},    {"idProduct", false, {"9025\n", "9008\n", "d00d\n"}},
+    {"bInterfaceClass", true, {"ff\n", "ff\n", "ff\n"}},    {"bInterfaceSubClass", true, {"ff\n", "ff\n", "42\n"}},
+    {"bInterfaceProtocol", true, {"ff\n", "ff\n", "03\n"}},
 };
 
 struct SysfsSettings {
@@ -50,7 +53,7 @@ public:
     Sysfs& operator=(Sysfs&&) = delete;
     ~Sysfs();
 
-    void show_device(bool crashed);
+    void show_device(UsbFace face);
     void hide_device();
     void show_network();
     void hide_network();

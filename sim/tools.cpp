@@ -14,7 +14,7 @@ namespace sim {
 namespace {
 
 // What a tool does, apart from being noted.
-enum class Play { insert, remove, nothing, real };
+enum class Play { insert, remove, nothing, real, fastboot, adb };
 
 struct Row {
     std::string_view name;
@@ -22,13 +22,13 @@ struct Row {
 };
 
 constexpr Row rows[] = {
-    {"insmod", Play::insert}, {"rmmod", Play::remove}, {"start", Play::nothing},
-    {"stop", Play::nothing},  {"chown", Play::real},   {"chmod", Play::real},
+    {"insmod", Play::insert}, {"rmmod", Play::remove}, {"start", Play::nothing},     {"stop", Play::nothing},
+    {"chown", Play::real},    {"chmod", Play::real},   {"fastboot", Play::fastboot}, {"adb", Play::adb},
 };
 
-// From the tool: whether its first argument is a file, then its words, each with a zero behind it.
-// To the tool: an order, its exit status, a text for standard error. After `run_real` it sends one byte, the status of
-// the real tool, and is told `exit`.
+// From the tool: its words, each with a zero behind it, and the last argument that is a file, open.
+// To the tool: an order, its exit status, a text for standard output, or standard error if it failed. After `run_real`
+// it sends one byte, the status of the real tool, and is told `exit`.
 enum Order : uint8_t { order_exit, order_run_real };
 constexpr size_t longest_message = 65536;
 
@@ -55,6 +55,48 @@ int with_address(Function function, const Fd& socket, const std::string& path)
     const sockaddr_un where = address(path);
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): how sockets take their addresses
     return function(socket.get(), reinterpret_cast<const sockaddr*>(&where), socklen_t{sizeof where});
+}
+
+constexpr size_t room_for_file = CMSG_SPACE(sizeof(int));
+
+bool send_with_file(const Fd& line, std::string message, const Fd& file)
+{
+    iovec bytes{message.data(), message.size()};
+    alignas(cmsghdr) std::array<char, room_for_file> room{};
+    msghdr parcel{};
+    parcel.msg_iov = &bytes;
+    parcel.msg_iovlen = 1;
+    const int number = file.get();
+    if (number >= 0) {
+        parcel.msg_control = room.data();
+        parcel.msg_controllen = room.size();
+        cmsghdr* head = CMSG_FIRSTHDR(&parcel);
+        head->cmsg_level = SOL_SOCKET;
+        head->cmsg_type = SCM_RIGHTS;
+        head->cmsg_len = CMSG_LEN(sizeof number);
+        std::memcpy(CMSG_DATA(head), &number, sizeof number);
+    }
+    return sendmsg(line.get(), &parcel, MSG_NOSIGNAL) >= 0;
+}
+
+// How long the message was, also where it does not fit; -1 when there is none.
+ssize_t receive_with_file(const Fd& line, Bytes& message, Fd& file)
+{
+    iovec bytes{message.data(), message.size()};
+    alignas(cmsghdr) std::array<char, room_for_file> room{};
+    msghdr parcel{};
+    parcel.msg_iov = &bytes;
+    parcel.msg_iovlen = 1;
+    parcel.msg_control = room.data();
+    parcel.msg_controllen = room.size();
+    const ssize_t count = recvmsg(line.get(), &parcel, MSG_TRUNC | MSG_CMSG_CLOEXEC);
+    const cmsghdr* head = count < 0 ? nullptr : CMSG_FIRSTHDR(&parcel);
+    int number = -1;
+    if (head != nullptr && head->cmsg_type == SCM_RIGHTS && head->cmsg_len == CMSG_LEN(sizeof number)) {
+        std::memcpy(&number, CMSG_DATA(head), sizeof number);
+        file = Fd(number);
+    }
+    return count;
 }
 
 bool below_sys(std::string_view path)
@@ -110,11 +152,15 @@ int call_tool(std::vector<std::string> words)
         return fail("nothing serves this tablet: start virtual_tablet serve");
 
     std::error_code none;
-    const bool is_file = words.size() > 1 && fs::is_regular_file(words[1], none);
-    std::string message(1, is_file ? '\1' : '\0');
+    Fd file;
+    const auto named = std::find_if(words.rbegin(), words.rend() - 1,
+                                    [&](const std::string& word) { return fs::is_regular_file(word, none); });
+    if (named != words.rend() - 1)
+        file = Fd(open(named->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    std::string message;
     for (const std::string& word : words)
         message += word + '\0';
-    if (send(line.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0)
+    if (!send_with_file(line, message, file))
         return fail("nothing serves this tablet any more");
 
     std::array<uint8_t, longest_message> answer{};
@@ -124,7 +170,8 @@ int call_tool(std::vector<std::string> words)
         if (count < head)
             return fail("nothing serves this tablet any more");
         if (answer[0] == order_exit) {
-            std::cerr << text_of(View(answer).subspan(head, static_cast<size_t>(count - head)));
+            (answer[1] == 0 ? std::cout : std::cerr)
+                << text_of(View(answer).subspan(head, static_cast<size_t>(count - head)));
             return answer[1];
         }
         const uint8_t status = run_real_tool(words);
@@ -176,7 +223,8 @@ void Tools::serve()
 void Tools::answer(Call& call)
 {
     Bytes message(longest_message);
-    const ssize_t count = recv(call.line.get(), message.data(), message.size(), MSG_TRUNC);
+    Fd file;
+    const ssize_t count = receive_with_file(call.line, message, file);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count <= 0) {
@@ -187,8 +235,7 @@ void Tools::answer(Call& call)
         return end(call, call.waiting, {message[0], {}});
 
     Words words;
-    const std::string text =
-        text_of(View(message).first(std::min(message.size(), static_cast<size_t>(count))).subspan(1));
+    const std::string text = text_of(View(message).first(std::min(message.size(), static_cast<size_t>(count))));
     for (const std::string_view word : split(text, '\0'))
         words.emplace_back(word);
     words.pop_back(); // behind the last zero
@@ -197,8 +244,11 @@ void Tools::answer(Call& call)
         return end(call, {"a tool"}, {1, "virtual_tablet: this is not how a tool calls\n"});
 
     const auto asked_for = [&](const ToolFailure& failure) {
+        const auto meant = [&](const std::string& word) {
+            return failure.word == word || failure.word == fs::path(word).filename();
+        };
         return failure.tool == words.front() &&
-               (failure.file.empty() || failure.file == fs::path(words.back()).filename());
+               (failure.word.empty() || std::any_of(words.begin() + 1, words.end(), meant));
     };
     if (std::ranges::any_of(failures_, asked_for))
         return end(call, words, {1, words.front() + ": fails, as it was asked to with --fail\n"});
@@ -208,28 +258,32 @@ void Tools::answer(Call& call)
         (void)send(call.line.get(), order.data(), order.size(), MSG_NOSIGNAL);
         return;
     }
-    end(call, words, play(words, message[0] != 0));
+    end(call, words, play(words, file));
 }
 
-Tools::Outcome Tools::play(const Words& words, bool is_file)
+ToolOutcome Tools::play(const Words& words, const Fd& file)
 {
     const Play play = std::ranges::find(rows, words.front(), &Row::name)->play;
     if (play == Play::nothing || play == Play::real)
         return {};
+    if (play == Play::fastboot)
+        return play_fastboot(std::span(words).subspan(1), file, modem_, journal_);
+    if (play == Play::adb)
+        return play_adb(std::span(words).subspan(1), modem_);
     if (words.size() < 2)
         return {1, words.front() + ": which module?\n"};
     const bool inserts = play == Play::insert;
     const std::string name = module_name(words[1]);
-    const std::string why = inserts && !is_file ? "No such file or directory"
-                            : inserts           ? modules_.insert(name)
-                                                : modules_.remove(name);
+    const std::string why = inserts && file.get() < 0 ? "No such file or directory"
+                            : inserts                 ? modules_.insert(name)
+                                                      : modules_.remove(name);
     if (!why.empty())
         return {1, words.front() + (inserts ? ": can't insert '" : ": can't unload '") + words[1] + "': " + why + "\n"};
     modem_.follow_modules();
     return {};
 }
 
-void Tools::end(Call& call, const Words& words, const Outcome& outcome) const
+void Tools::end(Call& call, const Words& words, const ToolOutcome& outcome) const
 {
     journal_.note("ran " + joined(words) + ": " + std::to_string(outcome.status));
     const std::string answer = std::string{order_exit, static_cast<char>(outcome.status)} + outcome.message;

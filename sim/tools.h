@@ -1,8 +1,9 @@
-// The system tools of the tablet: insmod, rmmod, start, stop, chown, chmod. In the tablet they are links to this
-// program, which hands what it is called with over a socket to the process that plays the tablet and does as it says.
+// The tools of the tablet: insmod, rmmod, start, stop, chown, chmod, fastboot, adb. In the tablet they are links to
+// this program, which hands what it is called with over a socket to the process that plays the tablet and does as it
+// says.
 #pragma once
 
-#include "modem.h"
+#include "modem_tools.h"
 
 namespace sim {
 
@@ -10,10 +11,10 @@ namespace sim {
 // In the tablet: the call of a tool, its name first; its exit status.
 [[nodiscard]] int call_tool(std::vector<std::string> words);
 
-// Calls that fail on demand: all of a tool, or those whose last argument is a file of this name.
+// Calls that fail on demand: all of a tool, or those with an argument that is this word or a file of this name.
 struct ToolFailure {
     std::string tool;
-    std::string file; // empty: any
+    std::string word; // empty: any
 
     // TOOL[:WORD]. Throws UsageError.
     [[nodiscard]] static ToolFailure parse(std::string_view given);
@@ -37,14 +38,10 @@ private:
         Words waiting; // for the end of the real tool
         bool over = false;
     };
-    struct Outcome {
-        uint8_t status = 0;
-        std::string message; // for standard error
-    };
 
     void answer(Call& call);
-    [[nodiscard]] Outcome play(const Words& words, bool is_file);
-    void end(Call& call, const Words& words, const Outcome& outcome) const;
+    [[nodiscard]] ToolOutcome play(const Words& words, const Fd& file);
+    void end(Call& call, const Words& words, const ToolOutcome& outcome) const;
 
     Fd listener_;
     std::vector<ToolFailure> failures_;
