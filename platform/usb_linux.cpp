@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -100,8 +102,8 @@ std::vector<std::string> numbered_entries(const std::string& directory)
     std::error_code error;
     for (auto entry = std::filesystem::directory_iterator(directory, error);
          !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-        if (const std::string name = entry->path().filename(); badname(name) == 0)
-            paths.push_back(directory + "/" + name);
+        if (badname(entry->path().filename()) == 0)
+            paths.push_back(entry->path());
     std::ranges::sort(paths);
     return paths;
 }
@@ -269,7 +271,7 @@ int64_t usb_read(UsbHandle& handle, std::span<uint8_t> buffer)
         const auto chunk = buffer.subspan(total, std::min(bulk_chunk, buffer.size() - total));
         int moved = bulk_transfer(handle, handle.endpoint_in, chunk);
         for (int retry = 0; moved < 0 && retry < read_retries; ++retry) {
-            sleep(1);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
             moved = bulk_transfer(handle, handle.endpoint_in, chunk);
         }
         if (moved < 0)
