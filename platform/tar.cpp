@@ -24,6 +24,8 @@ namespace header_block {
 constexpr size_t size = 512;
 constexpr size_t name_at = 0, name_size = 100; // without a terminator when it fills the field
 constexpr size_t length_at = 124, length_size = 12;
+constexpr size_t type_at = 156;
+constexpr std::string_view extension_types = "xgXLK";
 constexpr size_t magic_at = 257;
 constexpr std::string_view magic = "ustar";
 } // namespace header_block
@@ -89,6 +91,14 @@ std::string name_of(std::span<const uint8_t> header)
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0
 }
 
+// Whether a header with its data only says more about the member behind it. Newer writers give it that member's name,
+// so that it would be flashed in its place.
+bool is_extension(std::span<const uint8_t> header)
+{
+    return header_block::extension_types.find(static_cast<char>(header[header_block::type_at])) !=
+           std::string_view::npos;
+}
+
 bool seek_to(int64_t position)
 {
     clearerr(s_tarfd.get()); // a failed read of one member is none of the next
@@ -113,7 +123,8 @@ int32_t walk_headers(const std::function<void(int64_t data, int64_t size)>& visi
             return 0;
         constexpr int64_t block = header_block::size;
         const int64_t data = position + block;
-        visit(data, size);
+        if (!is_extension(s_tarbuf))
+            visit(data, size);
         if (size > std::numeric_limits<int64_t>::max() - data - block)
             return 0; // no place to seek to
         position = data + (size + block - 1) / block * block;

@@ -1,8 +1,8 @@
 // Reads the firmware package, a plain tar archive: lists its members, copies one to a file, or reads one in place.
 //
 // One archive and one open member at a time, process-wide. A member is known by the part of its name behind the last
-// "/", and only name and size of a header count: the extended headers that some writers put in front of a member are
-// members themselves. A member of size 0, also a directory, ends the list. All functions run on the main thread; what
+// "/", and only name and size of a header count: what newer formats put in front of a member to say more about it is
+// passed over. A member of size 0, also a directory, ends the list. All functions run on the main thread; what
 // fails is logged at ERROR, save where nothing is open or found.
 #pragma once
 
