@@ -190,9 +190,9 @@ std::vector<Turn> image_script()
         Bytes header(5);
         put_u8(header, 0, 0x07);
         put_le32(header, 1, static_cast<uint32_t>(offset));
-        Bytes packet = header;
-        const auto data = std::span(image).subspan(offset, block);
-        packet.insert(packet.end(), data.begin(), data.end());
+        Bytes packet(header.size() + block);
+        std::ranges::copy(header, packet.begin());
+        std::ranges::copy(std::span(image).subspan(offset, block), packet.begin() + 5);
         Bytes request = frame(packet);
         if (request.size() % 64 == 0) // then the engine sends a second flag, for the sake of the USB link
             request.push_back(HDLC_END_OF_PACKET_CHAR);

@@ -77,6 +77,20 @@ bool answers(const std::string& port, uint8_t probe, uint8_t expected_code)
     return result == exchange_accepted;
 }
 
+// Waits up to 31 s until `path` is another device file than the one that was opened last. `status` is what it is then.
+bool comes_back(const char* path, struct stat& status)
+{
+    log_debug("Waiting for serial port re-enumeration");
+    constexpr int tries = 31;
+    for (int i = 0; i < tries; ++i) {
+        // A port that comes back is a new device file; one that stays keeps its ctime.
+        if (stat(path, &status) == 0 && status.st_ctime != gSerialStat.st_ctime)
+            return true;
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+    return false;
+}
+
 // ---- Intel HEX ----
 
 // Record: ":", data bytes (2 digits), address (4), type (2), data, check sum (2).
@@ -208,20 +222,21 @@ int32_t CheckSerialReEnumerate(const char* path)
         log_error("filename is NULL!");
         end_process(exit_bad_call);
     }
-    log_debug("Waiting for serial port re-enumeration");
     struct stat status {};
-    constexpr int tries = 31;
-    for (int i = 0; i < tries; ++i) {
-        // A port that comes back is a new device file; one that stays keeps its ctime.
-        if (stat(path, &status) == 0 && status.st_ctime != gSerialStat.st_ctime)
-            return 0;
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-    }
+    if (comes_back(path, status))
+        return 0;
     log_error("Serial device file %s has not been re-enumerated", path);
     log_error("ctime of %s = %d", path, static_cast<int>(status.st_ctime));
     log_error("atime of %s = %d", path, static_cast<int>(status.st_atime));
     log_error("mtime of %s = %d", path, static_cast<int>(status.st_mtime));
     end_process(exit_not_reenumerated);
+}
+
+void wait_for_reset_modem(const std::string& port)
+{
+    struct stat status {};
+    if (!comes_back(port.c_str(), status))
+        log_warning("Modem's port %s has not come back", port.c_str());
 }
 
 int32_t IsDLoadMode(const std::string& port)

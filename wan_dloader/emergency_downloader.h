@@ -19,6 +19,9 @@
 // whole seconds tells. 0; a port that stays away or as it was ends the process with 72, a null path with 1 (ERRORs).
 int32_t CheckSerialReEnumerate(const char* path);
 
+// The same wait, for a modem that was told to reset; one that does not come back as another device file is a WARNING.
+void wait_for_reset_modem(const std::string& port);
+
 // Whether the port answers in that protocol: 1 or 0. Both open and close it; a missing one is a WARNING, one that
 // cannot be opened ends the process (OpenSerialPort).
 [[nodiscard]] int32_t IsDLoadMode(const std::string& port);

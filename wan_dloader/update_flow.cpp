@@ -183,8 +183,10 @@ void restore_nv_items(int32_t& status)
         return;
     const bool erases = (sFlashMode & flash_mode::erase_when_needed) != 0;
     status = erases ? EraseAndRestoreQCN(s_reset_port) : RestoreQCN(s_reset_port);
-    if (status == 0)
-        (void)RemoveNVBackup();
+    if (status != 0)
+        return;
+    (void)RemoveNVBackup();
+    wait_for_reset_modem(s_reset_port); // NV updates would meet a modem on its way out
 }
 
 // ---- NV update files ----
