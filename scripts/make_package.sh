@@ -57,15 +57,16 @@ rm -rf "$members"
 mkdir "$members"
 
 # NAME BYTES [FIRST_LINE]: lines that differ from each other, from image to image and from seed to seed. They hold
-# characters that frames escape.
+# characters that frames escape, zeros, and bytes that are negative where a character has a sign.
 image() {
     {
         [ $# -lt 3 ] || printf '%s\n' "$3"
         awk -v name="$1" -v seed="$seed" -v size="$2" 'BEGIN {
             for (at = 0; at < size; at += 32)
                 printf "%-15.15s~}%6d %07x\n", name, seed, at
-        }'
-    } | head -c "$2" >"$members/$1"
+        }' | LC_ALL=C tr 'abcdef' '\000\200\377\001\215\032'
+    } >"$members/$1"
+    truncate -s "$2" "$members/$1"
 }
 
 # NAME MARK: a programmer of 5000 bytes that begins with the mark, in records of 32 and of 16 bytes.
@@ -73,7 +74,9 @@ programmer() {
     {
         printf '%s\n' "$2"
         awk -v seed="$seed" 'BEGIN { for (at = 0; at < 5000; at += 16) printf "%7d%8x\n", seed, at }'
-    } | head -c 5000 | od -An -v -tx1 -w32 | awk -v upper="$upper" '
+    } >"$members/$1"
+    truncate -s 5000 "$members/$1"
+    od -An -v -tx1 -w32 "$members/$1" | awk -v upper="$upper" '
         function value(hex,    i, number) {
             for (i = 1; i <= length(hex); ++i)
                 number = 16 * number + index("0123456789ABCDEF", substr(hex, i, 1)) - 1
@@ -96,7 +99,8 @@ programmer() {
         END {
             record("04000005" upper "0000")
             record("00000001")
-        }' >"$members/$1"
+        }' >"$members/$1.new"
+    mv "$members/$1.new" "$members/$1"
 }
 
 programmer "$programmer" "NPRG of $chip"
