@@ -1,5 +1,4 @@
 // NV backups, restores and golden copies of a virtual modem: what stands in the file, and what becomes of one.
-#include "platform/os.h"
 #include "tests/e2e/nv_fixture.h"
 #include "wan_dloader/nv_tables.h"
 
@@ -29,13 +28,7 @@ protected:
         NvOnTablet::SetUp();
         if (HasFatalFailure() || IsSkipped())
             return;
-        std::string rows;
-        for (const NvItemRow& row : NvItemList)
-            rows += std::to_string(row.item) + " " + std::to_string(row.size) + " " + std::to_string(row.index) + "\n";
-        write_file("/rows", rows);
-        const std::string folder = root() + "/full";
-        ASSERT_EQ(run_shell("%s %s/rows %s", FULL_MODEM_SCRIPT, root().c_str(), folder.c_str()), 0);
-        modem("normal", {"--nv", folder + "/nv.txt", "--efs", folder + "/efs"});
+        modem("normal", full_modem(root()));
         nv = all_in("nv");
         efs = all_in("efs");
     }

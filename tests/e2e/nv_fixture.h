@@ -1,11 +1,12 @@
 // A virtual modem's NV data, backup files written by hand, and operations of wan_dloader that follow each other.
 #pragma once
 
+#include "platform/os.h"
 #include "tests/e2e/tablet_fixture.h"
+#include "wan_dloader/nv_tables.h"
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <string_view>
 
 // ---- a backup file, written by hand ----
@@ -67,6 +68,19 @@ inline std::string pattern(size_t size, uint32_t seed)
 
 // ---- the tablet ----
 
+// Options of a modem that has everything that the tables name, for the tablet of `root`.
+inline Texts full_modem(const std::string& root)
+{
+    const std::string rows = root + "/rows", folder = root + "/full";
+    std::filesystem::create_directories(root);
+    std::ofstream list(rows);
+    for (const NvItemRow& row : NvItemList)
+        list << row.item << ' ' << row.size << ' ' << row.index << '\n';
+    list.close();
+    EXPECT_EQ(run_shell("%s %s %s", FULL_MODEM_SCRIPT, rows.c_str(), folder.c_str()), 0);
+    return {"--nv", folder + "/nv.txt", "--efs", folder + "/efs"};
+}
+
 class NvOnTablet : public OnTablet {
 protected:
     // Starts an operation beside others. All of them wait for the radio daemon to be gone, and then for ports of their
@@ -117,20 +131,7 @@ protected:
         return texts;
     }
 
-    // Everything below a folder of the modem, "nv" or "efs".
-    [[nodiscard]] Files all_in(const std::string& folder) const
-    {
-        const std::filesystem::path top = root() + "/modem/" + folder;
-        Files files;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(top)) {
-            std::ifstream file(entry.path(), std::ios::binary);
-            if (entry.is_regular_file())
-                files[entry.path().lexically_relative(top)] = {std::istreambuf_iterator<char>(file), {}};
-        }
-        return files;
-    }
-
-    // Puts files there in the place of all that was.
+    // Puts files into a folder of the modem in the place of all that was.
     void fill(const std::string& folder, const Files& files) const
     {
         const std::string top = "/modem/" + folder + "/";

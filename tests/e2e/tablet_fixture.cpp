@@ -164,6 +164,17 @@ void OnTablet::modem(const std::string& words, const Texts& more)
         << "no modem: " << slurp(modem_err_);
 }
 
+void OnTablet::remove_modem()
+{
+    const pid_t pid = std::exchange(modem_, -1);
+    if (pid <= 0)
+        return;
+    (void)kill(pid, SIGTERM);
+    EXPECT_EQ(wait_for_exit(pid, modem_deadline, "modem"), 0) << slurp(modem_err_);
+    expect_no_sanitizer_report(slurp(modem_err_));
+    (void)close(modem_stdin_);
+}
+
 OnTablet::Job OnTablet::start(const std::string& command)
 {
     Job job{-1, command, new_file(), new_file()};
@@ -219,6 +230,17 @@ OnTablet::Files OnTablet::files_in(const std::string& path) const
     return files;
 }
 
+OnTablet::Files OnTablet::all_in(const std::string& folder) const
+{
+    const fs::path top = root() + "/modem/" + folder;
+    Files files;
+    for (const auto& entry : fs::recursive_directory_iterator(top)) {
+        if (entry.is_regular_file())
+            files[entry.path().lexically_relative(top)] = slurp(entry.path());
+    }
+    return files;
+}
+
 Texts OnTablet::journal() const
 {
     return lines_of(slurp(root() + "/modem/journal.txt"));
@@ -267,12 +289,7 @@ void OnTablet::TearDown()
     if (HasFailure())
         std::cerr << "The modem's journal:\n" << slurp(root() + "/modem/journal.txt");
 
-    if (modem_ > 0) {
-        (void)kill(modem_, SIGTERM);
-        EXPECT_EQ(wait_for_exit(modem_, modem_deadline, "modem"), 0) << slurp(modem_err_);
-        expect_no_sanitizer_report(slurp(modem_err_));
-        (void)close(modem_stdin_);
-    }
+    remove_modem();
     EXPECT_TRUE(wait_until(1s, [] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process was left behind";
     fs::remove_all(folder_);
 }

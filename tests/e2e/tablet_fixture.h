@@ -58,6 +58,9 @@ protected:
     // first ("crashed --protocol 7"); `more` holds words with blanks of their own.
     void modem(const std::string& words, const Texts& more = {});
 
+    // Takes the modem away, with all its nodes; its data stay for the next modem.
+    void remove_modem();
+
     // Runs a command line of the tablet's shell to its end. Standard input is empty, output of any size is kept.
     Result run(const std::string& command) { return finish(start(command)); }
 
@@ -76,6 +79,9 @@ protected:
 
     // All regular files directly in a folder of the tablet; none when there is no such folder.
     [[nodiscard]] Files files_in(const std::string& path) const;
+
+    // All regular files below a folder of the modem, such as "nv" or "efs", by their paths there.
+    [[nodiscard]] Files all_in(const std::string& folder) const;
 
     // The memory regions that the crashed modem offers.
     [[nodiscard]] Files regions_of_modem() const { return files_in("/modem/memory"); }
