@@ -1,12 +1,17 @@
 #include "tools.h"
 
+#include "drivers.h"
+
 #include <array>
 #include <cstring>
 #include <fcntl.h>
 #include <iostream>
+#include <linux/magic.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 
 namespace sim {
@@ -55,6 +60,22 @@ int with_address(Function function, const Fd& socket, const std::string& path)
     const sockaddr_un where = address(path);
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): how sockets take their addresses
     return function(socket.get(), reinterpret_cast<const sockaddr*>(&where), socklen_t{sizeof where});
+}
+
+// The last argument that names a file, open. None of the drivers' files: the process that serves them would wait for
+// its own answer when it lets go of one.
+Fd named_file(std::span<const std::string> words)
+{
+    struct stat drivers {};
+    const bool has_drivers = stat(drivers_in_sandbox, &drivers) == 0;
+    while (words.size() > 1) {
+        const char* path = words.back().c_str();
+        struct stat about {};
+        if (stat(path, &about) == 0 && S_ISREG(about.st_mode) && !(has_drivers && about.st_dev == drivers.st_dev))
+            return Fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        words = words.first(words.size() - 1);
+    }
+    return Fd();
 }
 
 constexpr size_t room_for_file = CMSG_SPACE(sizeof(int));
@@ -151,12 +172,7 @@ int call_tool(std::vector<std::string> words)
     if (with_address(connect, line, socket_in_sandbox) != 0)
         return fail("nothing serves this tablet: start virtual_tablet serve");
 
-    std::error_code none;
-    Fd file;
-    const auto named = std::find_if(words.rbegin(), words.rend() - 1,
-                                    [&](const std::string& word) { return fs::is_regular_file(word, none); });
-    if (named != words.rend() - 1)
-        file = Fd(open(named->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const Fd file = named_file(words);
     std::string message;
     for (const std::string& word : words)
         message += word + '\0';
