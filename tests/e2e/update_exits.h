@@ -61,9 +61,9 @@ protected:
         std::string changed;
         for (const auto& [name, bytes] : before) {
             if (!now.contains(name))
-                changed += " -" + name;
+                changed.append(" -").append(name);
             else if (now[name] != bytes)
-                changed += (now[name] == images[name + ".mbn"] ? " " : " ?") + name;
+                changed.append(now[name] == images[name + ".mbn"] ? " " : " ?").append(name);
         }
         EXPECT_LE(now.size(), before.size());
         return changed.substr(std::min<size_t>(1, changed.size()));
