@@ -121,7 +121,7 @@ image 9615-cdp-usr-image.usrfs.yaffs2 "$((small + 2048))"
 printf '%s\r\n"%s"\r\n' "$version" "$apps" >"$members/fwversion.txt"
 printf '# the SKUs that this is for\nSKU=%s\n' "$sku" >"$members/ota_conf.txt"
 printf '# of pre-production units\nNV ITEM=10, INDEX=0\n04 00\n' >"$members/nvitems.txt"
-printf '# of all units\nEFS FILE=/etc/rates.conf, SIZE=4\n01 02 03 04\n' >"$members/nvitems_all.txt"
+printf '# of all units\nNV ITEM FILE=/nv/item_files/modem/mmode/ue_usage_setting, SIZE=1\n01\n' >"$members/nvitems_all.txt"
 
 for name in "${without[@]}"; do
     rm -f "$members/$name"
