@@ -1,5 +1,6 @@
 #include "platform/os.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -31,6 +32,23 @@ UniqueFile open_file(const std::string& path, const char* mode)
     return UniqueFile(fopen(path.c_str(), (std::string(mode) + "e").c_str()));
 }
 
+UniqueFile open_system_file(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat about {};
+    if (!fd.valid() || fstat(fd.get(), &about) != 0)
+        return nullptr;
+    if (!S_ISREG(about.st_mode)) {
+        fd.reset();
+        errno = S_ISDIR(about.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    UniqueFile file(fdopen(fd.get(), "r"));
+    if (file)
+        (void)fd.release();
+    return file;
+}
+
 bool read_line(FILE* file, std::string& line, size_t limit)
 {
     line.clear();
@@ -55,6 +73,17 @@ std::string format_text(const char* format, va_list arguments)
     std::string text(static_cast<size_t>(length), '\0');
     (void)vsnprintf(text.data(), text.size() + 1, format, arguments);
     return text;
+}
+
+std::string printable(std::string_view text)
+{
+    std::string shown(text);
+    for (char& c : shown) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && c != '\t') || byte == 0x7F)
+            c = ' ';
+    }
+    return shown;
 }
 
 std::string error_text(int error)
