@@ -80,6 +80,7 @@ TEST_F(OnTablet, TabletSaysWhatIsWrong)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.before + " " + row.arguments);
         const std::string err = root() + "/said";
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
         const int status = std::system(
             (row.before + " timeout -s KILL 60 " + VIRTUAL_TABLET_BINARY + " " + row.arguments + " </dev/null 2>" + err)
                 .c_str());
