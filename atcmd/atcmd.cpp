@@ -249,7 +249,7 @@ int32_t atcmd_main(int32_t argc, char** argv, const Applet* /*row*/)
 
     struct stat found = {};
     if (stat(port, &found) != 0) {
-        log_error("USB device %s doesn't exist", port);
+        log_error("USB device %s doesn't exist", printable(port).c_str());
         return ATCMD_NO_PORT;
     }
     return atcmd_process_cmd(command, port, time_out, echo);
@@ -327,7 +327,7 @@ int atcmd_open_port(const char* path)
 {
     const int fd = open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-        log_error("Unable to open device %s. %s", path, error_text(errno).c_str());
+        log_error("Unable to open device %s. %s", printable(path).c_str(), error_text(errno).c_str());
         return -1;
     }
 
@@ -357,7 +357,7 @@ int32_t atcmd_send_cmd(int fd, std::string_view piece)
     const ssize_t written = write(fd, line.data(), line.size());
     if (written < 0 || static_cast<size_t>(written) != line.size()) {
         const int error = written < 0 ? errno : EIO;
-        log_error("Unable to send command %s to the modem. %s", std::string(piece).c_str(), error_text(error).c_str());
+        log_error("Unable to send command %s to the modem. %s", printable(piece).c_str(), error_text(error).c_str());
         return ATCMD_SEND_FAILED;
     }
     return ATCMD_OK;

@@ -5,14 +5,18 @@
 #include "mdmctrl/command_line.h"
 #include "platform/os.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <optional>
 #include <string_view>
 
 namespace {
 
 constexpr const char* module_directory = "/system/lib/modules/";
 constexpr const char* modules_file = "/proc/modules";
-constexpr size_t line_limit = 126; // more than any module's name; the rest of a line is not looked at
+constexpr size_t line_limit = 126;             // more than any module's name; the rest of a line is not looked at
+constexpr size_t list_limit = size_t{1} << 22; // far more than any kernel lists; a file without an end is no list
 
 struct KernelModule {
     const char* file_name = nullptr;   // in the module directory
@@ -60,6 +64,24 @@ void mark_loaded(std::string_view module_name)
                 row.loaded = true;
 }
 
+// What the kernel says is loaded. Nothing, with errno, when it cannot be read.
+std::optional<std::string> read_list()
+{
+    const UniqueFile file = open_regular_file(modules_file);
+    if (!file)
+        return std::nullopt;
+    std::string list;
+    std::array<char, 4096> piece{};
+    for (size_t count = 0; (count = fread(piece.data(), 1, piece.size(), file.get())) > 0;) {
+        list.append(piece.data(), count);
+        if (list.size() > list_limit) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
+    }
+    return ferror(file.get()) == 0 ? std::optional(list) : std::nullopt;
+}
+
 int32_t load_table(std::span<KernelModule> table, std::span<const int32_t> errors)
 {
     for (size_t i = 0; i < table.size(); ++i) {
@@ -101,20 +123,19 @@ int32_t is_kernel_module(const char* file_name)
 
 int32_t check_loaded_modules()
 {
-    const UniqueFile file = open_file(modules_file, "r");
-    if (!file) {
+    const auto list = read_list();
+    if (!list) {
         log_error("File open failed: %s", error_text(errno).c_str());
         return 1;
     }
     mark_all(false);
-    for (std::string line; read_line(file.get(), line, line_limit);) {
-        std::string_view rest = line;
-        mark_loaded(next_token(rest, " \t\r\v\f"));
+    for (std::string_view rest = *list; !rest.empty();) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        std::string_view words = line.substr(0, line_limit);
+        mark_loaded(next_token(words, " \t\r\v\f"));
     }
-    if (ferror(file.get()) == 0)
-        return 0;
-    log_error("File open failed: %s", error_text(errno).c_str());
-    return 1;
+    return 0;
 }
 
 int32_t load_module(const char* file_name)

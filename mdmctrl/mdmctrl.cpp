@@ -186,7 +186,7 @@ const char* mdmctrl_get_write_buf(const char* word)
         if (given.size() == length && strncasecmp(word, control.data(), length) == 0)
             return &control[length + 1];
     }
-    log_warning("Invalid modem control command: %s", word);
+    log_warning("Invalid modem control command: %s", printable(word).c_str());
     return nullptr;
 }
 

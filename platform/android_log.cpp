@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -27,31 +28,23 @@ char priority_letter(int priority)
     }
 }
 
-// What a modem or a file put into a text must not break the record or steer the terminal.
-void keep_on_one_line(std::string& text)
+std::string_view without_line_ends(std::string_view text)
 {
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && c != '\t') || byte == 0x7F)
-            c = ' ';
-    }
+    return text.substr(0, text.find_last_not_of("\r\n") + 1);
 }
 
 __attribute__((format(printf, 4, 0))) int write_record(int buffer, int priority, const char* tag, const char* format,
                                                        va_list arguments)
 {
     const int saved_errno = errno;
-    std::string text = format_text(format, arguments);
-    keep_on_one_line(text);
+    const std::string text = format_text(format, arguments);
 
     std::string record = buffer == LOG_ID_RADIO ? "radio " : "main ";
     record += priority_letter(priority);
     record += ' ';
     record += tag;
     record += ": ";
-    record += text;
+    record += printable(without_line_ends(text)); // a record is one line
     record += '\n';
 
     const ssize_t written = write(STDERR_FILENO, record.data(), record.size());

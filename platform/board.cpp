@@ -11,10 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 namespace {
 
@@ -65,7 +63,7 @@ const char* find_entry(std::span<const char* const> entries)
 // Reads a number of at most `digits` hexadecimal digits, as the kernel writes ids. -1 with errno when there is none.
 int32_t read_hex(const std::string& path, size_t digits)
 {
-    const UniqueFile file = open_file(path, "r");
+    const UniqueFile file = open_regular_file(path);
     if (!file)
         return -1;
     std::array<char, 32> line{};
@@ -102,10 +100,10 @@ int32_t _get_usb_if_id(const std::string& path, uint8_t& byte)
     return 0;
 }
 
-// A board id may be shorter than its fields; what it lacks shows as a blank.
+// A board id may be shorter than its fields; what it lacks shows as a blank, as what no record can hold does.
 char shown(char c)
 {
-    return c == '\0' ? ' ' : c;
+    return printable({&c, 1}).front();
 }
 
 } // namespace
@@ -122,12 +120,12 @@ int32_t read_board_id(std::span<char> buf)
         log_error("%s failed: unknown device!", "read_board_id");
         return -1;
     }
-    const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
-    if (!file.valid()) {
+    const UniqueFile file = open_regular_file(path);
+    if (!file) {
         log_error("%s failed: %s", "read_board_id", error_text(errno).c_str());
         return -1;
     }
-    if (read(file.get(), buf.data(), board_id_size - 1) < 1) {
+    if (fread(buf.data(), 1, board_id_size - 1, file.get()) < 1) {
         log_error("failed to read");
         return -1;
     }
@@ -138,12 +136,12 @@ const char* get_device_desc()
 {
     constexpr size_t longest = 62; // characters of the name; with the second line one more, the blank
     s_dev_desc.fill('\0');
-    const UniqueFile name = open_file("/proc/product_name", "r");
+    const UniqueFile name = open_regular_file("/proc/product_name");
     if (!name)
         return nullptr;
     read_text(name.get(), std::span(s_dev_desc).first(longest + 1));
 
-    const UniqueFile extra = open_file("/proc/product_name_extra", "r");
+    const UniqueFile extra = open_regular_file("/proc/product_name_extra");
     if (!extra)
         return s_dev_desc.data();
     const size_t length = strnlen(s_dev_desc.data(), longest);
@@ -191,7 +189,7 @@ int32_t get_board_id(std::span<char> buf)
         return result;
 
     if (const char* description = get_device_desc()) {
-        log_info("%s:", description);
+        log_info("%s:", printable(description).c_str());
         log_info("\tType code: %c%c%c", shown(buf[0]), shown(buf[1]), shown(buf[2]));
         log_info("\tRevision : %c%c ", shown(buf[3]), shown(buf[4]));
         log_info("\tVariant  : %c%c ", shown(buf[5]), shown(buf[6]));
@@ -202,13 +200,13 @@ int32_t get_board_id(std::span<char> buf)
     if (type >= 0 && static_cast<size_t>(type) < std::size(s_device_types))
         log_info("Device type: %s", s_device_types[type]);
     else
-        log_warning("Unknown device: %s", std::string(buf.data(), strnlen(buf.data(), buf.size())).c_str());
+        log_warning("Unknown device: %s", printable({buf.data(), strnlen(buf.data(), buf.size())}).c_str());
     return type;
 }
 
 int32_t get_os_version()
 {
-    const UniqueFile file = open_file("/proc/version", "r");
+    const UniqueFile file = open_regular_file("/proc/version");
     if (!file) {
         log_error("Not found: %d - %s\n", errno, error_text(errno).c_str());
         return -1;

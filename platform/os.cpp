@@ -1,6 +1,5 @@
 #include "platform/os.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -35,12 +34,13 @@ UniqueFile open_file(const std::string& path, const char* mode)
 
 UniqueFile open_regular_file(const std::string& path)
 {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // or a FIFO would wait for its writer
-    struct stat status {};
-    if (!fd.valid() || fstat(fd.get(), &status) != 0)
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat about {};
+    if (!fd.valid() || fstat(fd.get(), &about) != 0)
         return nullptr;
-    if (!S_ISREG(status.st_mode)) {
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    if (!S_ISREG(about.st_mode)) {
+        fd.reset();
+        errno = S_ISDIR(about.st_mode) ? EISDIR : EINVAL;
         return nullptr;
     }
     UniqueFile file(fdopen(fd.get(), "r"));
@@ -75,17 +75,20 @@ std::string format_text(const char* format, va_list arguments)
     return text;
 }
 
-std::string error_text(int error)
-{
-    return std::generic_category().message(error);
-}
-
 std::string printable(std::string_view text)
 {
     std::string shown(text);
-    std::ranges::replace_if(
-        shown, [](unsigned char c) { return c < ' ' || c == 0x7F; }, '.');
+    for (char& c : shown) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && c != '\t') || byte == 0x7F)
+            c = ' ';
+    }
     return shown;
+}
+
+std::string error_text(int error)
+{
+    return std::generic_category().message(error);
 }
 
 int run_shell(const char* format, ...)

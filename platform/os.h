@@ -38,7 +38,8 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // Opens `path` as fopen() does, not inherited by commands that the shell runs. Empty on failure, errno set.
 [[nodiscard]] UniqueFile open_file(const std::string& path, const char* mode);
 
-// The same for reading a regular file; anything else counts as what cannot be read, and nobody waits for it.
+// Opens for reading a file that the system is to provide, not inherited by commands. Never waits: what is not a plain
+// file, such as a pipe or a device in its place, is none. Empty on failure, errno set.
 [[nodiscard]] UniqueFile open_regular_file(const std::string& path);
 
 // Reads the next line of `file` into `line`, without its line feed. Of a longer line than `limit` characters the rest
@@ -48,12 +49,12 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // printf into a text of whatever length it needs.
 [[nodiscard]] std::string format_text(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
+// `text` for a log or a console: each control character but the tab is a blank, so that a name from outside can neither
+// begin a record of its own nor steer a terminal. Any thread.
+[[nodiscard]] std::string printable(std::string_view text);
+
 // The text of the error number `error`, as strerror() gives it. Any thread.
 [[nodiscard]] std::string error_text(int error);
-
-// `text` with its control characters as dots: what comes from outside cannot begin a line of its own in the log. Any
-// thread.
-[[nodiscard]] std::string printable(std::string_view text);
 
 // Runs exactly the command that `format` gives with system(), standard output flushed first so that a person sees
 // events in their order. What comes from outside goes through shell_quote. Returns the raw status of system(). Main

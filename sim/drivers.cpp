@@ -6,7 +6,6 @@
 #include <fuse_lowlevel.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace sim {
 
@@ -59,43 +58,7 @@ bool is_dead(const fs::path& mount)
     return stat(mount.c_str(), &about) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
 }
 
-void take_away(const fs::path& mount)
-{
-    if (umount2(mount.c_str(), MNT_DETACH) != 0)
-        (void)run_quietly({"fusermount3", "-u", "-z", mount});
-}
-
 } // namespace
-
-MountGuard::MountGuard(const fs::path& mount)
-{
-    std::array<int, 2> ends{};
-    must(pipe2(ends.data(), O_CLOEXEC), "pipe");
-    const Fd reader(ends[0]);
-    line_ = Fd(ends[1]);
-    process_ = must(fork(), "fork");
-    if (process_ != 0)
-        return;
-
-    // It keeps nothing else of what this process has open, so that others see that one end.
-    (void)setsid();
-    (void)dup2(reader.get(), STDIN_FILENO);
-    const int nothing = open("/dev/null", O_RDWR);
-    (void)dup2(nothing, STDOUT_FILENO);
-    (void)dup2(nothing, STDERR_FILENO);
-    (void)close_range(STDERR_FILENO + 1, ~0U, 0);
-    char done = 0;
-    if (read(STDIN_FILENO, &done, 1) != 1 && is_dead(mount))
-        take_away(mount);
-    _exit(0);
-}
-
-MountGuard::~MountGuard()
-{
-    (void)!::write(line_.get(), "", 1); // nothing left to do for it
-    line_.close();
-    (void)waitpid(process_, nullptr, 0);
-}
 
 // What the kernel asks for. A handler returns an errno value, or 0 when it has replied.
 struct Drivers::Calls {
@@ -244,7 +207,7 @@ struct Drivers::Calls {
 };
 
 Drivers::Drivers(const fs::path& mount, Bwan bwan, const Modules& modules, Modem& modem, const Journal& journal)
-    : bwan_(bwan), modules_(modules), modem_(modem), journal_(journal), guard_(mount)
+    : bwan_(bwan), modules_(modules), modem_(modem), journal_(journal)
 {
     for (const Row& row : rows)
         files_.push_back({row.mode, getuid(), getgid(), modem.is_powered() ? "1" : "0"});
@@ -309,14 +272,19 @@ void Drivers::serve()
         std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
+void Drivers::take_away_dead(const fs::path& mount)
+{
+    if (is_dead(mount) && umount2(mount.c_str(), MNT_DETACH) != 0)
+        (void)run_quietly({"fusermount3", "-u", "-z", mount});
+}
+
 void Drivers::release(const fs::path& mount)
 {
     // The guard of the process that was killed is about to unmount it; nobody else must meet it at that.
     constexpr int tries = 100, milliseconds = 10;
     for (int i = 0; is_dead(mount) && i < tries; ++i)
         (void)poll(nullptr, 0, milliseconds);
-    if (is_dead(mount))
-        take_away(mount);
+    take_away_dead(mount);
 }
 
 bool Drivers::present(size_t file) const

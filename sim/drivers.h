@@ -25,21 +25,6 @@ constexpr std::pair<const char*, const char*> driver_binds[] = {
     {"msm-dwc3", "sys/bus/platform/drivers/msm-dwc3"},
 };
 
-// A process that takes a mount away when this one is killed.
-class MountGuard {
-public:
-    explicit MountGuard(const fs::path& mount);
-    MountGuard(const MountGuard&) = delete;
-    MountGuard(MountGuard&&) = delete;
-    MountGuard& operator=(const MountGuard&) = delete;
-    MountGuard& operator=(MountGuard&&) = delete;
-    ~MountGuard();
-
-private:
-    Fd line_;
-    pid_t process_ = -1;
-};
-
 class Drivers {
 public:
     // Throws std::runtime_error with the reason and the remedy where FUSE cannot be used.
@@ -54,7 +39,8 @@ public:
     [[nodiscard]] int fd() const;
     void serve();
 
-    // Takes away the mount of a process that was killed.
+    // Takes away a mount that nobody serves any more; `release` first gives its guard the time to do it.
+    static void take_away_dead(const fs::path& mount);
     static void release(const fs::path& mount);
 
 private:
@@ -75,7 +61,6 @@ private:
     const Modules& modules_;
     Modem& modem_;
     const Journal& journal_;
-    MountGuard guard_;
     std::vector<File> files_;
     std::exception_ptr failure_; // of the call at hand, to be thrown once libfuse is done with it
     fuse_session* session_ = nullptr;

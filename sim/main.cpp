@@ -1,4 +1,5 @@
 // virtual_tablet: makes a tablet with a virtual modem and runs commands in it. See help() in options.cpp.
+#include "claim.h"
 #include "efs2_store.h"
 #include "options.h"
 
@@ -49,6 +50,7 @@ int run_command(const Options& options, std::ostream& warnings = std::cerr)
 {
     const Fd caught = catch_signals({SIGTERM, SIGHUP, SIGINT, SIGQUIT});
     const Keeper keeper(options.root, options.command);
+    const Claim claim(keeper.root());
     prepare(options, keeper.root());
     Machine machine(keeper.root(), options.machine);
     warn(machine, warnings);
@@ -67,6 +69,7 @@ int run_command(const Options& options, std::ostream& warnings = std::cerr)
 
 int serve(const Options& options)
 {
+    const Claim claim(*options.root);
     prepare(options, *options.root);
     const Fd caught = catch_signals({SIGTERM, SIGINT});
     Machine machine(*options.root, options.machine);
@@ -104,6 +107,8 @@ int run(const Options& options)
     case Job::serve:
         return serve(options);
     case Job::run:
+        if (!fs::is_directory(*options.root / "system/bin"))
+            throw std::runtime_error("no tablet in " + options.root->string() + ": make one with serve or a command");
         enter_tablet(*options.root, options.command);
     case Job::check:
         return check(options);
@@ -119,9 +124,13 @@ int run(const Options& options)
 int main(int argc, char** argv)
 {
     constexpr int failed = 1, wrong_usage = 2;
+    // Inherited from whoever ignores its own children, it would keep the ends of ours from us.
+    (void)signal(SIGCHLD, SIG_DFL);
     try {
         const auto tools = tool_names();
-        if (argc > 0 && std::ranges::find(tools, fs::path(argv[0]).filename().string()) != tools.end())
+        if (argc < 1)
+            throw UsageError("called without a name");
+        if (std::ranges::find(tools, fs::path(argv[0]).filename().string()) != tools.end())
             return call_tool({argv, argv + argc});
         return run(parse_options({argv + 1, argv + argc}));
     } catch (const UsageError& error) {

@@ -20,9 +20,6 @@ constexpr const char* mode_names[] = {"absent", "off",      "normal",  "partial"
 constexpr std::string_view bus_driver = "ehci_hcd", network_driver = "rmnet_usb";
 constexpr std::string_view tty_drivers[] = {"usbserial", "usb_wwan", bus_driver, "option"};
 
-constexpr const char* packet_port = "ttyUSB0";
-constexpr const char* text_ports[] = {"ttyUSB1", "ttyUSB2"};
-
 // Which faults are meant for a mode.
 std::string_view fault_mode(Mode mode)
 {
@@ -58,7 +55,7 @@ Modem::Modem(const fs::path& root, const ModemSettings& settings, const Modules&
       powered_(settings.mode != Mode::off), linked_(powered_)
 {
     // Links that a tablet that was killed has left lead to other people's terminals.
-    for (const char* node : {packet_port, text_ports[0], text_ports[1]})
+    for (const char* node : modem_nodes)
         fs::remove(nodes_ / node);
     enter(settings.mode);
 }

@@ -35,6 +35,11 @@ struct ModemSettings {
     std::vector<Fault> faults;
 };
 
+// What it shows in /dev, while it is there.
+constexpr const char* packet_port = "ttyUSB0";
+constexpr const char* text_ports[] = {"ttyUSB1", "ttyUSB2"};
+constexpr const char* modem_nodes[] = {packet_port, text_ports[0], text_ports[1]};
+
 class Modem {
 public:
     // `root`: the tablet, with dev/ and sys/ for what it shows and modem/ for its insides.

@@ -22,6 +22,7 @@ constexpr ModuleRow rows[] = {
     {"ehci-hcd.ko", "ehci_hcd", 45212, {}},   {"option.ko", "option", 13371, option_needs},
     {"rmnet_usb.ko", "rmnet_usb", 14210, {}}, {"bwan.ko", "bwan", 8652, {}},
 };
+constexpr size_t longest_list = size_t{1} << 22; // a program of the tablet may put anything there
 constexpr ModuleRow unknown{"", "", 16384, {}};
 
 const ModuleRow& row_of(std::string_view name)
@@ -139,7 +140,7 @@ void Modules::seen() const
 
 bool Modules::loaded(std::span<const std::string_view> names) const
 {
-    const auto text = read_file(file_);
+    const auto text = read_file(file_, longest_list);
     if (!text)
         return true;
     const auto lines = parse(*text);
@@ -148,7 +149,7 @@ bool Modules::loaded(std::span<const std::string_view> names) const
 
 std::string Modules::insert(const std::string& name) const
 {
-    const auto text = read_file(file_);
+    const auto text = read_file(file_, longest_list);
     if (!text)
         return {};
     auto lines = parse(*text);
@@ -164,7 +165,7 @@ std::string Modules::insert(const std::string& name) const
 
 std::string Modules::remove(const std::string& name) const
 {
-    const auto text = read_file(file_);
+    const auto text = read_file(file_, longest_list);
     if (!text)
         return {};
     auto lines = parse(*text);

@@ -86,13 +86,15 @@ void add_usb_device(Options& options, std::string_view given)
 
 std::vector<std::string> module_names(std::string_view list)
 {
-    std::vector<std::string> names;
+    std::vector<std::string> names, known;
+    for (const std::string& file : module_files())
+        known.push_back(module_name(file));
     if (list == "none")
         return names;
     for (const std::string_view name : split(list, ',')) {
-        if (name.empty() || printable(name) != name || name.find(' ') != std::string_view::npos)
-            throw UsageError("not a module: " + printable(name));
         names.push_back(module_name(name));
+        if (std::ranges::find(known, names.back()) == known.end())
+            throw UsageError("no such module: " + printable(name));
     }
     return names;
 }
@@ -130,7 +132,11 @@ constexpr const char* default_regions = "SHARED.BIN=88K@0x2A000000,CODE.BIN=64K@
 
 constexpr OptionRow rows[] = {
     {"--root", "DIR", "keep the tablet in DIR, made if it is not there",
-     [](Options& options, std::string_view text) { options.root = fs::absolute(text); }},
+     [](Options& options, std::string_view text) {
+         if (text.empty())
+             throw UsageError("--root needs the name of a directory");
+         options.root = fs::absolute(text);
+     }},
     {"--tessel", "PATH", "the program shown as /system/bin/tessel (default: tessel beside or above this program)",
      [](Options& options, std::string_view text) {
          if (!fs::is_regular_file(text))
@@ -138,7 +144,7 @@ constexpr OptionRow rows[] = {
          options.tablet.tessel = text;
      }},
     {"--modem", "MODE", "normal, crashed, fastboot, bootrom, off or absent (normal)",
-     [](Options& options, std::string_view text) { options.machine.modem.mode = chosen(modes, text).second; }},
+     [](Options& options, std::string_view text) { options.mode = chosen(modes, text).second; }},
     {"--boot", "LIST",
      "what each power-up leads to, with commas: normal, crashed, partial, fastboot, bootrom, never (normal)",
      [](Options& options, std::string_view text) {
@@ -273,8 +279,9 @@ Options parse_options(std::vector<std::string_view> arguments)
         throw UsageError(takes_command ? "no command to run" : "unexpected " + options.command.front());
     if ((options.job == Job::serve || options.job == Job::run) && !options.root)
         throw UsageError("--root DIR is missing");
-    if (options.machine.wifi_only)
-        options.machine.modem.mode = Mode::absent;
+    if (options.machine.wifi_only && options.mode.value_or(Mode::absent) != Mode::absent)
+        throw UsageError("a tablet that is --wifi-only has no modem: only --modem absent goes with it");
+    options.machine.modem.mode = options.mode.value_or(options.machine.wifi_only ? Mode::absent : Mode::normal);
     return options;
 }
 

@@ -11,6 +11,7 @@ enum class Job { command, serve, run, check, help };
 struct Options {
     Job job = Job::command;
     std::optional<fs::path> root;
+    std::optional<Mode> mode;
     std::optional<fs::path> nv;
     std::optional<fs::path> efs;
     std::optional<fs::path> flash;

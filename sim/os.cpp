@@ -86,15 +86,15 @@ int run_quietly(std::vector<std::string> words)
     return WEXITSTATUS(status);
 }
 
-std::optional<std::string> read_file(const fs::path& path)
+std::optional<std::string> read_file(const fs::path& path, size_t most)
 {
     const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     std::string text;
     std::array<char, 65536> piece{};
     ssize_t count = 0;
-    while ((count = read(file.get(), piece.data(), piece.size())) > 0)
+    while (text.size() <= most && (count = read(file.get(), piece.data(), piece.size())) > 0)
         text.append(piece.data(), static_cast<size_t>(count));
-    return count < 0 ? std::nullopt : std::optional(text);
+    return count < 0 || text.size() > most ? std::nullopt : std::optional(text);
 }
 
 void write_file(const fs::path& path, View bytes)

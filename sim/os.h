@@ -75,7 +75,8 @@ private:
 // Runs a program with nothing to read or to tell, to its end; its exit status, or -1.
 int run_quietly(std::vector<std::string> words);
 
-[[nodiscard]] std::optional<std::string> read_file(const fs::path& path);
+// Nothing for what cannot be read or has more than `most` bytes, as a device may.
+[[nodiscard]] std::optional<std::string> read_file(const fs::path& path, size_t most = size_t{1} << 28);
 void write_file(const fs::path& path, View bytes);
 void append_line(const fs::path& path, const std::string& line);
 

@@ -23,6 +23,7 @@ constexpr const char* directories[] = {
     "sys",
     "data",
     "sdcard",
+    "etc",
     "system/bin",
     "system/lib/modules",
     "modem/memory",
@@ -36,6 +37,8 @@ constexpr const char* directories[] = {
 
 // What the tablet and its modem tell of themselves.
 constexpr std::pair<const char*, const char*> texts[] = {
+    {"etc/passwd", "root:x:0:0::/data:/bin/sh\nsystem:x:1000:1000::/data:/bin/sh\nradio:x:1001:1001::/data:/bin/sh\n"},
+    {"etc/group", "root:x:0:\nsystem:x:1000:\nradio:x:1001:\n"},
     {"proc/version", "Linux version 3.4.0-tablet (build@tablet) #1 SMP PREEMPT Mon Jan 1 12:00:00 UTC 2024\n"},
     {"modem/kernel.log", "[    0.000000] Linux version 3.0.8-modem (build@modem) #1 PREEMPT\n"
                          "[    1.204512] diag: ready\n"
@@ -121,7 +124,7 @@ Words sandbox_words(const fs::path& root, const Words& command)
         for (const auto& [from, to] : driver_binds)
             say({"--bind", drivers / from, fs::path("/") / to});
     }
-    say({"--bind", root / "system/lib/modules", "/system/lib/modules"});
+    say({"--ro-bind-try", root / "etc", "/etc", "--bind", root / "system/lib/modules", "/system/lib/modules"});
     say({"--dir", "/system/bin", "--tmpfs", "/tmp"});
     for (const auto& entry : fs::directory_iterator(root / "system/bin"))
         if (fs::exists(entry.path()))
@@ -134,6 +137,16 @@ Words sandbox_words(const fs::path& root, const Words& command)
     say({"--"});
     say(command);
     return words;
+}
+
+// Where the tablets of single commands stand.
+fs::path temporary_folder()
+{
+    std::error_code error;
+    fs::path folder = fs::temp_directory_path(error);
+    if (error)
+        throw std::runtime_error("no directory for temporary files, see TMPDIR: " + error.message());
+    return folder;
 }
 
 // Kills and reaps until this process has no child left, also those that only now become its own.
@@ -177,9 +190,12 @@ void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi
         write_file(root / std::string_view(device).substr(1), {});
     link_to("/.proc/self", root / "proc/self");
     // Programs also look themselves up by number, the leak checker of a sanitized build among them.
-    constexpr int numbers = 100;
-    for (int pid = 1; pid < numbers; ++pid)
-        link_to("/.proc/" + std::to_string(pid), root / "proc" / std::to_string(pid));
+    constexpr int numbers = 400;
+    for (int pid = 1; pid < numbers; ++pid) {
+        const std::string name = std::to_string(pid);
+        if (symlink(("/.proc/" + name).c_str(), (root / "proc" / name).c_str()) != 0 && errno != EEXIST)
+            must(-1, root / "proc" / name);
+    }
     link_to("/proc/self/fd", root / "dev/fd");
     for (const auto& [name, text] : texts)
         provide(root / name, text);
@@ -222,34 +238,35 @@ Keeper::Keeper(const std::optional<fs::path>& root, const Words& command)
     std::array<int, 2> ends{};
     must(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
     line_ = Fd(ends[0]);
-    const Fd other(ends[1]);
+    Fd other(ends[1]);
+    const fs::path place = root ? *root : temporary_folder() / "virtual-tablet-XXXXXX";
     const pid_t group = getpgrp();
     process_ = must(fork(), "fork");
     if (process_ == 0) {
         line_.close(); // else the keeper would hold its own line open
         try {
-            keep(other.get(), root, command, group);
+            keep(other.get(), place, !root, command, group);
         } catch (const std::exception&) {
             _exit(1); // the other side sees its line break, and says so
         }
     }
 
+    other.close(); // else this process would hold its own line open
     std::array<char, 4096> name{};
     const ssize_t length = read(fd(), name.data(), name.size());
     root_ = std::string(name.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
     if (root_.empty())
-        throw std::runtime_error("no tablet can be made in " + fs::temp_directory_path().string());
+        throw std::runtime_error("no tablet can be made in " + place.parent_path().string());
 }
 
-void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& command, pid_t group)
+void Keeper::keep(int line, std::string name, bool temporary, const Words& command, pid_t group)
 {
     (void)setpgid(0, 0);
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const Fd ended = catch_signals({SIGCHLD});
     // Made here, so that there is no moment at which nobody would remove it.
-    std::string name = root.value_or(fs::temp_directory_path() / "virtual-tablet-XXXXXX");
-    if (!root && mkdtemp(name.data()) == nullptr)
-        name.clear();
+    if (temporary && mkdtemp(name.data()) == nullptr)
+        _exit(1);
     (void)send(line, name.data(), name.size(), MSG_NOSIGNAL);
 
     pid_t child = -1;
@@ -276,7 +293,7 @@ void Keeper::keep(int line, const std::optional<fs::path>& root, const Words& co
     }
     kill_children();
     std::error_code ignored;
-    if (!root) {
+    if (temporary) {
         Drivers::release(fs::path(name) / drivers_mount);
         fs::remove_all(name, ignored);
     }

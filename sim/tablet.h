@@ -47,7 +47,7 @@ public:
     [[nodiscard]] int status() const;
 
 private:
-    [[noreturn]] static void keep(int line, const std::optional<fs::path>& root, const Words& command, pid_t group);
+    [[noreturn]] static void keep(int line, std::string name, bool temporary, const Words& command, pid_t group);
 
     fs::path root_;
     Fd line_;

@@ -3,7 +3,7 @@
 // the NV data of its SKU.
 //
 // Reads that fail lead to the careful answer: no update, SKU 0, no NV data. Version texts are kept as they came, cut at
-// 63 characters; in log lines their control characters are dots. Main thread.
+// 63 characters; in log lines their control characters are blanks. Main thread.
 #pragma once
 
 #include "platform/board.h"

@@ -1,6 +1,9 @@
 // How applets are found, and what a person sees who asks for none.
 #include "tests/e2e/tablet_fixture.h"
 
+#include <cstdlib>
+#include <sys/wait.h>
+
 namespace {
 
 const std::string applets = "\ntessel version: 4.5\n\nUsage: tessel [applet] [applet arguments]\n       applets:\n"
@@ -48,6 +51,41 @@ TEST_F(OnTablet, DispatcherFindsAppletsByTheLastPathComponent)
         EXPECT_EQ(r.status, row.status) << row.arguments;
         EXPECT_EQ(r.out, row.out) << row.arguments;
         EXPECT_EQ(r.errors(), row.errors) << row.arguments;
+    }
+}
+
+// The tool that makes the tablets: what it is called with, and where that goes wrong.
+TEST_F(OnTablet, TabletSaysWhatIsWrong)
+{
+    const struct {
+        std::string before, arguments;
+        int status;
+        std::string said;
+    } rows[] = {
+        {"TMPDIR=/nonexistent", "true", 1, "no directory for temporary files, see TMPDIR: No such file or directory"},
+        {"TMPDIR=", "true", 1, "no directory for temporary files, see TMPDIR: No such file or directory"},
+        {"TMPDIR=/proc", "true", 1, "no tablet can be made in /proc"},
+        {"TMPDIR=/nonexistent", "--root " + root() + "2 sh -c 'exit 4'", 4, ""},
+        {"", "--root '' true", 2, "--root needs the name of a directory"},
+        {"", "run --root /nonexistent true", 1, "no tablet in /nonexistent: make one with serve or a command"},
+        {"", "serve --root " + root(), 1, root() + " is served already"},
+        {"", "--root " + root() + " true", 1, root() + " is served already"},
+        {"", "--wifi-only --modem crashed true", 2,
+         "a tablet that is --wifi-only has no modem: only --modem absent goes with it"},
+        {"", "--modules usbserail true", 2, "no such module: usbserail"},
+        {"env --ignore-signal=CHLD", "--wifi-only sh -c 'exit 3'", 3, ""},
+        {"", "--wifi-only sh -c 'touch f && chown radio:radio f && stat -c %U f >&2'", 0, "radio"},
+    };
+    modem("absent");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.before + " " + row.arguments);
+        const std::string err = root() + "/said";
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
+        const int status = std::system(
+            (row.before + " timeout -s KILL 60 " + VIRTUAL_TABLET_BINARY + " " + row.arguments + " </dev/null 2>" + err)
+                .c_str());
+        EXPECT_EQ(WEXITSTATUS(status), row.status);
+        EXPECT_THAT(read_file("/said"), ::testing::HasSubstr(row.said));
     }
 }
 

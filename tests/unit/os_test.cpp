@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -54,6 +55,22 @@ TEST(Os, FilesAreNotInheritedByCommands)
     EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(open_file("/nowhere/file", "r"), nullptr);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(Os, FilesOfTheSystemAreNoPipesOrDevices)
+{
+    std::string folder = fs::temp_directory_path() / "os_test-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string pipe = folder + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const std::pair<std::string, int> rows[] = {
+        {pipe, EINVAL}, {"/dev/zero", EINVAL}, {folder, EISDIR}, {"/nowhere/file", ENOENT}};
+    for (const auto& [path, error] : rows) {
+        EXPECT_EQ(open_regular_file(path), nullptr) << path;
+        EXPECT_EQ(errno, error) << path;
+    }
+    EXPECT_NE(open_regular_file("/proc/self/status"), nullptr);
+    fs::remove_all(folder);
 }
 
 TEST(Os, LinesAreReadWholeOrUpToTheLimit)

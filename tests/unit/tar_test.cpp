@@ -107,7 +107,7 @@ TEST_F(Tar, ListsWhatWritersMake)
     for (const auto& show : {tar_show_files, tar_show_files2}) {
         ::testing::internal::CaptureStderr();
         show();
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "radio I RIL_TESSEL: name: x.y, size=5, offset=512\n");
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "radio I RIL_TESSEL: name: x y, size=5, offset=512\n");
     }
 }
 
