@@ -25,13 +25,18 @@ std::array<uint8_t, size> read_bytes(FILE* file)
 // Counts the records of a chunk into `contents`. False when one is damaged, or there are more or fewer than it says.
 bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileContents& contents)
 {
+    int32_t previous = -1; // NV item
     for (uint32_t i = 0; i < chunk.count; ++i) {
         if (chunk.tag == nv_chunk_header::nv_items) {
             std::array<uint8_t, nv_item_record::size> record{};
             if (!records.read(record))
                 return false;
             ++contents.items;
-            const auto data = std::span(record).subspan(nv_item_record::data_at);
+            // Items in a row have indexes, which stand in their first byte also where the modem refused the rest.
+            const uint16_t item = get_le16(record, nv_item_record::item_at);
+            const size_t index_size = item == previous ? 1 : 0;
+            previous = item;
+            const auto data = std::span(record).subspan(nv_item_record::data_at + index_size);
             if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; }))
                 ++contents.filled_items;
             continue;

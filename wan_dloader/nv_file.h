@@ -64,7 +64,7 @@ void write_nv_chunk_header(FILE* file, const NvChunkHeader& header);
 // What a restore finds in a backup file.
 struct NvFileContents {
     bool whole;                   // all of the three chunks, each with as many records as it says, and nothing else
-    uint64_t items, filled_items; // NV items, and those of them that are not all zero
+    uint64_t items, filled_items; // NV items, and those of them that are not all zero but for an index
     uint64_t item_files, item_file_bytes; // of data
     uint64_t efs_files, efs_file_bytes;
 

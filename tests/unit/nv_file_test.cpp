@@ -168,6 +168,8 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         {header(3) + items + chunk(nv_item_files, 9, "\3\0/a\0\x09\0xy"s) + chunk(efs_files, 2, two_files),
          "2 NV items (1 not zero), 0 item files (0 bytes), 2 EFS files (2 bytes)", false},
         {all.substr(0, 200), "1 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+        {header(1) + chunk(nv_items, 2, "\x14" + std::string(129, '\0') + "\x14\0\1"s + std::string(127, '\0')),
+         "2 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
         {"x" + all, "0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
     };
     std::string name = std::filesystem::temp_directory_path() / "nv_file_test-XXXXXX";
