@@ -425,6 +425,11 @@ int32_t efs2_stat(std::string_view path, Efs2Stat* status)
         return result;
 
     if (status != nullptr) {
+        // Not 0 for want of it: the file would be saved as an empty one.
+        if (reply().size() < size_at + sizeof status->size) {
+            log_error("EFS2 STAT response is cut: %d bytes", static_cast<int>(reply().size()));
+            return -1;
+        }
         *status = {
             .mode = get_le32(reply(), mode_at),
             .size = get_le32(reply(), size_at),

@@ -61,7 +61,7 @@ void efs2_set_verbose(int32_t on);
 // ERROR and -1.
 [[nodiscard]] int32_t efs2_write_file(int32_t descriptor, std::span<const uint8_t> data, uint32_t offset);
 
-// Tells about a file; `status` may be null.
+// Tells about a file; `status` may be null. A reply that ends before the file's size is an ERROR and -1.
 [[nodiscard]] int32_t efs2_stat(std::string_view path, Efs2Stat* status);
 
 [[nodiscard]] int32_t efs2_remove(std::string_view path);

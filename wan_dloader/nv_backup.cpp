@@ -1,6 +1,7 @@
 // Oddities of the format that are kept on purpose, since existing backups have them:
 //   - An item that the modem refuses for want of the service programming code is stored with the request's data.
-//   - Of a long item file only the first part is fetched (see fetch_nvitemfile), while D is what the modem said. A
+//   - Of an item file of more than 512 bytes only the first part is fetched (see fetch_nvitemfile), while D is what the
+//   modem said. A
 //     restore takes what follows for the rest of it, and loses the item files behind it; a WARNING says so when it is
 //     made.
 //   - The item file that the table has twice is stored twice.
@@ -34,16 +35,17 @@ constexpr uint32_t largest_record = 0x100000;
 
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
-UniqueFile s_nv_file;        // while NV items are stored
-uint32_t s_nvbacked_num = 0; // of them
-int s_write_error = 0;       // errno of the first write of a pass that failed
-NvPacket DiagNvPkt{};        // the request in flight
-bool s_indexed = false;      // it is for an entry of an indexed item
+UniqueFile s_nv_file;         // while NV items are stored
+uint32_t s_nvbacked_num = 0;  // of them
+uint32_t s_nvrefused_num = 0; // of those, the ones that are stored as zeros
+int s_write_error = 0;        // errno of the first write of a pass that failed
+NvPacket DiagNvPkt{};         // the request in flight
+bool s_indexed = false;       // it is for an entry of an indexed item
 
 // Opens the file of a pass; empty with an ERROR when that fails.
 UniqueFile open_backup(const std::string& file_name, const char* mode)
 {
-    UniqueFile file = open_file(file_name, mode);
+    UniqueFile file = open_nv_file(file_name, mode);
     s_write_error = 0;
     if (!file)
         log_error("fopen %s: %s", file_name.c_str(), error_text(errno).c_str());
@@ -92,6 +94,8 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
         log_warning("NV item (%d): index %d instead of %d", get_le16(response, nv_packet::item_at), index, asked);
     if (s_nv_file != nullptr) {
         ++s_nvbacked_num;
+        if (get_u8(packet, 0) == bad_spc_code)
+            ++s_nvrefused_num;
         // Item and data stand in a record as in the response.
         static_assert(nv_packet::item_at + nv_item_record::data_at == nv_packet::data_at);
         const auto record = response.subspan(nv_packet::item_at, nv_item_record::size);
@@ -100,8 +104,9 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     return 0;
 }
 
-// `indexed`: other rows have the same item.
-void read_nv_item(const NvItemRow& row, bool indexed)
+// `indexed`: other rows have the same item. False with a WARNING when the modem does not answer; else what came of it
+// is in the file, or in the log.
+bool read_nv_item(const NvItemRow& row, bool indexed)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
@@ -111,7 +116,10 @@ void read_nv_item(const NvItemRow& row, bool indexed)
         put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
         s_indexed = indexed;
     }
-    (void)SendPktAndWait(DiagNvPkt, 0); // what came of it is in the file, or in the log
+    if (SendPktAndWait(DiagNvPkt, 0) == exchange_accepted)
+        return true;
+    log_warning("NV item (%d): no answer", row.item);
+    return false;
 }
 
 bool can_write()
@@ -150,7 +158,14 @@ bool get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status
         log_warning("Skip %s", path.c_str());
         return false;
     }
-    return fetch_nvitemfile(path, status.size, sequence, contents);
+    if (!fetch_nvitemfile(path, status.size, sequence, contents))
+        return false;
+    // Stored, it would be restored with the records behind it as the rest of its data.
+    if (status.size <= transfer_piece && contents.size() < status.size) {
+        log_error("%s came short of its %u bytes, skip it!", path.c_str(), static_cast<unsigned>(status.size));
+        return false;
+    }
+    return true;
 }
 
 // The contents of a regular file, in the same way.
@@ -254,6 +269,7 @@ int32_t NvItemBackup(const std::string& file_name)
         const std::lock_guard lock(s_nv_mutex);
         s_nv_file = std::move(file);
         s_nvbacked_num = 0;
+        s_nvrefused_num = 0;
     }
 
     SetRspCallback(NvBackupCallback);
@@ -262,22 +278,31 @@ int32_t NvItemBackup(const std::string& file_name)
     const auto has_item = [](size_t row, uint16_t item) {
         return row < NvItemList.size() && NvItemList[row].item == item;
     };
+    uint32_t unread = 0;
     for (size_t i = 0; i < NvItemList.size() && can_write(); ++i) {
         const NvItemRow& row = NvItemList[i];
-        read_nv_item(row, row.index != 0 || has_item(i + 1, row.item));
+        if (!read_nv_item(row, row.index != 0 || has_item(i + 1, row.item)))
+            ++unread;
     }
     SetRspCallback(nullptr);
 
+    uint32_t refused = 0;
     {
         const std::lock_guard lock(s_nv_mutex);
         file = std::move(s_nv_file);
         chunk.count = s_nvbacked_num;
+        refused = s_nvrefused_num;
     }
     chunk.size = chunk.count * static_cast<uint32_t>(nv_item_record::size);
     (void)fseeko(file.get(), nv_file_header::size, SEEK_SET);
     write_nv_chunk_header(file.get(), chunk);
     const int32_t result = sync_backup(file, file_name);
     log_info(">>> Totally backed up %d NV items.", static_cast<int>(chunk.count));
+    if (unread != 0)
+        log_error("%u of %zu NV items could not be read: no answer", static_cast<unsigned>(unread), NvItemList.size());
+    if (refused != 0)
+        log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
+                    static_cast<unsigned>(refused));
     return result;
 }
 

@@ -1,8 +1,14 @@
 #include "wan_dloader/nv_file.h"
 
 #include "diag/packet_fields.h"
-#include "platform/os.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <iterator>
+#include <string_view>
+#include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -16,7 +22,56 @@ std::array<uint8_t, size> read_bytes(FILE* file)
     return bytes;
 }
 
+// Counts the records of a chunk into `contents`. False when one is damaged, or there are more or fewer than it says.
+bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileContents& contents)
+{
+    int32_t previous = -1; // NV item
+    for (uint32_t i = 0; i < chunk.count; ++i) {
+        if (chunk.tag == nv_chunk_header::nv_items) {
+            std::array<uint8_t, nv_item_record::size> record{};
+            if (!records.read(record))
+                return false;
+            ++contents.items;
+            // Items in a row have indexes, which stand in their first byte also where the modem refused the rest.
+            const uint16_t item = get_le16(record, nv_item_record::item_at);
+            const size_t index_size = item == previous ? 1 : 0;
+            previous = item;
+            const auto data = std::span(record).subspan(nv_item_record::data_at + index_size);
+            if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; }))
+                ++contents.filled_items;
+            continue;
+        }
+        const auto path = records.read_path();
+        const auto length = path ? records.read_number() : std::nullopt;
+        if (!length || !records.skip(*length))
+            return false;
+        const bool item_file = chunk.tag == nv_chunk_header::nv_item_files;
+        ++(item_file ? contents.item_files : contents.efs_files);
+        (item_file ? contents.item_file_bytes : contents.efs_file_bytes) += *length;
+    }
+    return records.at_end();
+}
+
 } // namespace
+
+UniqueFile open_nv_file(const std::string& path, const char* mode)
+{
+    constexpr mode_t for_root = 0600; // identities and keys are among the data
+    const std::string_view how = mode;
+    const int flags = how == "w" ? O_WRONLY | O_CREAT | O_TRUNC : how == "r+" ? O_RDWR : O_RDONLY;
+    UniqueFd fd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, for_root));
+    struct stat status = {};
+    if (!fd.valid() || fstat(fd.get(), &status) != 0)
+        return nullptr;
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    UniqueFile file(fdopen(fd.get(), mode));
+    if (file)
+        (void)fd.release();
+    return file;
+}
 
 NvFileHeader read_nv_file_header(FILE* file)
 {
@@ -54,21 +109,44 @@ void write_nv_chunk_header(FILE* file, const NvChunkHeader& header)
     (void)fwrite(bytes.data(), 1, bytes.size(), file);
 }
 
-bool is_whole_nv_file(const std::string& path)
+bool NvFileContents::holds_less_than(const NvFileContents& other) const
 {
-    constexpr uint32_t chunks = 3;
-    const UniqueFile file = open_file(path, "r");
+    return items < other.items || filled_items < other.filled_items || item_files < other.item_files ||
+           item_file_bytes < other.item_file_bytes || efs_files < other.efs_files ||
+           efs_file_bytes < other.efs_file_bytes;
+}
+
+std::string NvFileContents::text() const
+{
+    const auto number = [](uint64_t value) { return std::to_string(value); };
+    return number(items) + " NV items (" + number(filled_items) + " not zero), " + number(item_files) +
+           " item files (" + number(item_file_bytes) + " bytes), " + number(efs_files) + " EFS files (" +
+           number(efs_file_bytes) + " bytes)";
+}
+
+NvFileContents nv_file_contents(const std::string& path)
+{
+    constexpr uint32_t order[] = {nv_chunk_header::nv_items, nv_chunk_header::nv_item_files,
+                                  nv_chunk_header::efs_files};
+    NvFileContents contents{};
+    const UniqueFile file = open_nv_file(path, "r");
     if (!file)
-        return false;
+        return contents;
     const NvFileHeader header = read_nv_file_header(file.get());
-    if (!header.is_valid() || header.chunks != chunks)
-        return false;
-    for (uint32_t i = 0; i < chunks; ++i) {
-        NvChunkReader records(file.get(), read_nv_chunk_header(file.get()));
-        if (!records.skip_rest())
-            return false;
+    if (!header.is_valid())
+        return contents;
+    bool whole = header.chunks == std::size(order);
+    for (uint32_t i = 0; i < header.chunks; ++i) {
+        const NvChunkHeader chunk = read_nv_chunk_header(file.get());
+        const bool known = std::ranges::find(order, chunk.tag) != std::end(order);
+        NvChunkReader records(file.get(), chunk);
+        // One damaged record hides those behind it in its chunk, but not the other chunks.
+        whole = known && count_records(records, chunk, contents) && whole && chunk.tag == order[i];
+        if (feof(file.get()) != 0 || !records.skip_rest())
+            return contents;
     }
-    return ftello(file.get()) == nv_file_size(file.get());
+    contents.whole = whole && ftello(file.get()) == nv_file_size(file.get());
+    return contents;
 }
 
 int64_t nv_file_size(FILE* file)

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "crashdump/nv_item.h"
+#include "platform/os.h"
 
 #include <array>
 #include <cstddef>
@@ -48,6 +49,10 @@ struct NvChunkHeader {
     uint32_t tag, count, size;
 };
 
+// Opens a backup file: "r", "r+", or "w" to make it anew, for root alone. Empty, errno set, on failure, and for
+// whatever is no regular file: a pipe would be waited for without an end.
+[[nodiscard]] UniqueFile open_nv_file(const std::string& path, const char* mode);
+
 // Read the header that begins at the file's position. What the file does not hold reads as zero.
 [[nodiscard]] NvFileHeader read_nv_file_header(FILE* file);
 [[nodiscard]] NvChunkHeader read_nv_chunk_header(FILE* file);
@@ -56,8 +61,21 @@ struct NvChunkHeader {
 void write_nv_file_header(FILE* file, uint32_t chunks);
 void write_nv_chunk_header(FILE* file, const NvChunkHeader& header);
 
-// Whether `path` is a backup file with all of its three chunks, and ends where they do. Any thread.
-[[nodiscard]] bool is_whole_nv_file(const std::string& path);
+// What a restore finds in a backup file.
+struct NvFileContents {
+    bool whole;                   // all of the three chunks, each with as many records as it says, and nothing else
+    uint64_t items, filled_items; // NV items, and those of them that are not all zero but for an index
+    uint64_t item_files, item_file_bytes; // of data
+    uint64_t efs_files, efs_file_bytes;
+
+    // Whether `other` has more of anything.
+    [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
+    // "3 NV items (1 not zero), 2 item files (10 bytes), 1 EFS file (5 bytes)", for a message.
+    [[nodiscard]] std::string text() const;
+};
+
+// Reads the backup file `path`, record by record. All zero when it is none. Any thread.
+[[nodiscard]] NvFileContents nv_file_contents(const std::string& path);
 
 // Size of the file in bytes; its position stays.
 [[nodiscard]] int64_t nv_file_size(FILE* file);
@@ -77,6 +95,7 @@ public:
     [[nodiscard]] bool skip(uint32_t size);
     // Leaves out the rest of the chunk.
     [[nodiscard]] bool skip_rest() { return skip(left_); }
+    [[nodiscard]] bool at_end() const { return left_ == 0; }
 
 private:
     FILE* file_;

@@ -30,6 +30,8 @@
 namespace {
 
 constexpr const char* backup_path = "/data/nvbackup.bin";
+constexpr const char* fresh_path = "/data/nvbackup.bin.new"; // a backup that is to take the place of one
+constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one of which it held less
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
 constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
 
@@ -40,7 +42,8 @@ constexpr uint32_t open_to_all = 0666;        // mode of a new file
 
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
-NvPacket DiagNvPkt{}; // the request in flight
+NvPacket DiagNvPkt{};    // the request in flight
+bool s_nv_taken = false; // the modem did what it asks
 
 // Numbers of the item files written outside of a restore, in the life of the process.
 uint16_t seq_num = 0;
@@ -51,7 +54,10 @@ int32_t NvRestoreCallback(std::span<const uint8_t> packet, uintptr_t /*user_data
 {
     const std::lock_guard lock(s_nv_mutex);
     const auto response = nv_response(packet, DiagNvPkt);
-    return response.empty() ? 1 : judge_nv_status(response);
+    if (response.empty())
+        return 1;
+    s_nv_taken = get_u8(packet, 0) != bad_spc_code && get_le16(response, nv_packet::status_at) == 0;
+    return judge_nv_status(response);
 }
 
 NvPacket write_request(NvPacket packet)
@@ -61,20 +67,24 @@ NvPacket write_request(NvPacket packet)
     return packet;
 }
 
-// Sends a write request, NvRestoreCallback being installed. Whether the modem took it is in the log.
-void send_nv_write(const NvPacket& request)
+// Sends a write request, NvRestoreCallback being installed. Whether the modem took it; if not, the log says why.
+bool send_nv_write(const NvPacket& request)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
         DiagNvPkt = request;
+        s_nv_taken = false;
     }
-    (void)SendPktAndWait(DiagNvPkt, 0);
+    if (SendPktAndWait(DiagNvPkt, 0) != exchange_accepted)
+        log_warning("NV item (%d): no answer", get_le16(request, nv_packet::item_at));
+    const std::lock_guard lock(s_nv_mutex);
+    return s_nv_taken;
 }
 
-// Opens the regular file `path` of the modem, over one that is there. The descriptor, or a negative failure.
-int32_t open_efs_file(const std::string& path)
+constexpr int32_t refused = -1; // of EFS2 operations; other failures are want of an answer
+
+int32_t try_to_open_efs_file(const std::string& path)
 {
-    constexpr int32_t refused = -1;
     const int32_t status = efs2_stat(path, nullptr);
     if (status != 0 && status != refused)
         return status; // no answer: opened as a new one, a file that is there would keep its tail
@@ -83,6 +93,18 @@ int32_t open_efs_file(const std::string& path)
     else
         log_info("%s doesn't exist - create it", path.c_str());
     return efs2_open_file(path, status == 0 ? write_over : write_new, open_to_all);
+}
+
+// Opens the regular file `path` of the modem, over one that is there. The descriptor, or a negative failure. When the
+// answer is lost the modem may have emptied the file, so it is tried again, and then an ERROR.
+int32_t open_efs_file(const std::string& path)
+{
+    int32_t descriptor = try_to_open_efs_file(path);
+    if (descriptor < refused)
+        descriptor = try_to_open_efs_file(path);
+    if (descriptor < refused)
+        log_error("No answer to opening %s, it may be empty on the modem", path.c_str());
+    return descriptor;
 }
 
 // Writes `data` to the open file `descriptor` of the modem. 0, or 1 with an ERROR.
@@ -117,7 +139,7 @@ struct Chunk {
 // ERROR.
 Chunk find_chunk(const std::string& file_name, uint32_t tag, const char* block)
 {
-    UniqueFile file = open_file(file_name, "r");
+    UniqueFile file = open_nv_file(file_name, "r");
     if (!file) {
         log_error("fopen %s: %s", file_name.c_str(), error_text(errno).c_str());
         return {};
@@ -140,6 +162,13 @@ Chunk find_chunk(const std::string& file_name, uint32_t tag, const char* block)
     return {};
 }
 
+// An ERROR, unless `number` is 0. What was it is in the log before.
+void report_failed(uint32_t number, const char* what)
+{
+    if (number != 0)
+        log_error("%u %s were not restored", static_cast<unsigned>(number), what);
+}
+
 int32_t NvItemRestore(const std::string& file_name)
 {
     log_info(">>> Start restoring NV items ...");
@@ -152,6 +181,7 @@ int32_t NvItemRestore(const std::string& file_name)
     if (sDebug != 0)
         log_debug("Restoring modem NV items");
     uint32_t sent = 0;
+    uint32_t failed = 0;
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (; sent < chunk.header.count; ++sent) {
         NvPacket packet{};
@@ -160,10 +190,12 @@ int32_t NvItemRestore(const std::string& file_name)
             log_error("NV backup file ends inside record %d", static_cast<int>(sent));
             break;
         }
-        send_nv_write(write_request(packet));
+        if (!send_nv_write(write_request(packet)))
+            ++failed;
     }
     SetRspCallback(nullptr);
     log_info(">>> Totally restored %d NV items.", static_cast<int>(sent));
+    report_failed(failed, "NV items");
     return 0;
 }
 
@@ -201,16 +233,20 @@ int32_t NvItemFileRestore(const std::string& file_name)
     if (!chunk.file)
         return 1;
     uint16_t sequence = 0;
+    uint32_t failed = 0;
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
         const auto record = read_file_record(records, i);
         if (!record)
             break;
         ++sequence;
-        if (efs2_put_file(record->path, record->data, item_file_flags, sequence) < 0)
+        if (efs2_put_file(record->path, record->data, item_file_flags, sequence) < 0) {
             log_error("Failed to put nv file: %s", record->path.c_str());
+            ++failed;
+        }
     }
     log_info(">>> Totally restored %d NV item files", static_cast<int>(chunk.header.count));
+    report_failed(failed, "NV item files");
     return 0;
 }
 
@@ -220,6 +256,7 @@ int32_t EfsFileRestore(const std::string& file_name)
     const Chunk chunk = find_chunk(file_name, nv_chunk_header::efs_files, "EFS file");
     if (!chunk.file)
         return 1;
+    uint32_t failed = 0;
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
         // Read whole before the modem's file is touched: a damaged backup must not cut a good one.
@@ -227,12 +264,17 @@ int32_t EfsFileRestore(const std::string& file_name)
         if (!record)
             break;
         const int32_t descriptor = open_efs_file(record->path);
-        if (descriptor < 0)
-            continue; // the client has said why
-        (void)write_pieces(descriptor, record->data, record->path);
+        if (descriptor < 0) {
+            log_error("Failed to open EFS file: %s", record->path.c_str());
+            ++failed;
+            continue;
+        }
+        if (write_pieces(descriptor, record->data, record->path) != 0)
+            ++failed;
         (void)efs2_close_file(descriptor);
     }
     log_info(">>> Totally restored %d EFS files", static_cast<int>(chunk.header.count));
+    report_failed(failed, "EFS files");
     return 0;
 }
 
@@ -255,10 +297,14 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
 {
     if (sFlashAllPartitions == 0)
         return 0;
-    if (!open_diag_port(port)) {
+    if (!await_diag_port(port)) {
         log_error("Timeout: DIAG port (%s) is not ready", port.c_str());
         return 1;
     }
+    if (!open_diag_port(port))
+        return 1;
+    if (path_exists(file_name) && !nv_file_contents(file_name).whole)
+        log_warning("%s is not complete, what can be read of it is restored", file_name.c_str());
     request_modem_mode(ModemMode::offline);
     // Each step is of use without the others, and says itself what went wrong.
     (void)NvItemRestore(file_name);
@@ -267,6 +313,26 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
     request_modem_mode(ModemMode::reset); // starts on the restored data
     CloseSerialPort();
     return 0;
+}
+
+// ---- the backup ----
+
+// Gives the backup that is there a second name when a new one holds less: a modem that has lost its NV data gives a
+// complete backup, too, and this may be the last one that is worth something. One of which it holds less itself stays.
+// False with an ERROR when that fails.
+bool keep_richer_backup()
+{
+    const NvFileContents fresh = nv_file_contents(fresh_path);
+    const NvFileContents before = nv_file_contents(backup_path);
+    if (!fresh.holds_less_than(before) || before.holds_less_than(nv_file_contents(kept_path)))
+        return true;
+    if ((unlink(kept_path) != 0 && errno != ENOENT) || link(backup_path, kept_path) != 0) {
+        log_error("Failed to link %s to %s: %s", kept_path, backup_path, error_text(errno).c_str());
+        return false;
+    }
+    log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
+                before.text().c_str(), kept_path);
+    return true;
 }
 
 // ---- golden copy ----
@@ -284,7 +350,10 @@ bool move_golden(const char* from, const char* to)
 // good one back. False with an ERROR when that fails; then nothing else may be done here.
 bool undo_cut_renewal()
 {
-    if (!path_exists(parked_path) || is_whole_nv_file(golden_path))
+    if (!path_exists(parked_path))
+        return true;
+    const NvFileContents golden = nv_file_contents(golden_path);
+    if (golden.whole && !golden.holds_less_than(nv_file_contents(parked_path)))
         return true;
     log_warning("Putting back the golden copy of a renewal that was cut short");
     return move_golden(parked_path, golden_path);
@@ -293,8 +362,21 @@ bool undo_cut_renewal()
 // Of a golden copy that is there.
 void warn_of_half_copy()
 {
-    if (!is_whole_nv_file(golden_path))
+    if (!nv_file_contents(golden_path).whole)
         log_warning("%s is not complete, make it anew with -f", golden_path);
+}
+
+// Whether the new golden copy may take the place of the parked one; else an ERROR. A modem that refuses, or has lost
+// its NV data, gives a complete copy, too.
+bool is_renewed()
+{
+    const NvFileContents golden = nv_file_contents(golden_path);
+    const NvFileContents parked = nv_file_contents(parked_path);
+    if (!golden.holds_less_than(parked))
+        return true;
+    log_error("The new golden copy holds %s; the old one, with %s, stays", golden.text().c_str(),
+              parked.text().c_str());
+    return false;
 }
 
 bool same_size(const char* path, const char* other)
@@ -312,7 +394,7 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
         log_warning("Not found: %s", source.c_str());
         return 0;
     }
-    const UniqueFd from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd from(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const UniqueFd to(
         from.valid() ? open(destination.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, status.st_mode & ALLPERMS) : -1);
     if (!to.valid()) {
@@ -331,13 +413,25 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
 int32_t BackupQCN(const std::string& port)
 {
     log_info("Backup QCN ...");
-    return backup_to(port, backup_path);
+    if (!await_diag_port(port) || !lock_nv_data())
+        return 1;
+    if (!path_exists(backup_path))
+        return backup_to(port, backup_path);
+    // The one that is there may be the only one: it stays until the new one is on the disk.
+    if (backup_to(port, fresh_path) == 0 && keep_richer_backup()) {
+        if (rename(fresh_path, backup_path) == 0)
+            return 0;
+        log_error("rename %s: %s", fresh_path, error_text(errno).c_str());
+    }
+    log_error("No new backup: %s is the one from before", backup_path);
+    (void)unlink(fresh_path);
+    return 1;
 }
 
 int32_t BackupGoldenQCN(const std::string& port)
 {
     log_info("Backup Golden QCN ...");
-    if (!undo_cut_renewal())
+    if (!lock_nv_data() || !undo_cut_renewal())
         return 1;
     const bool renewal = path_exists(golden_path);
     if (renewal && s_force_fw_update == 0) {
@@ -348,14 +442,13 @@ int32_t BackupGoldenQCN(const std::string& port)
     if (renewal && !move_golden(golden_path, parked_path))
         return 1;
 
-    const int32_t result = backup_to(port, golden_path);
-    if (result != 0) {
+    if (backup_to(port, golden_path) != 0 || (renewal && !is_renewed())) {
         // Half a copy would stand in the way of a whole one for ever.
         if (renewal)
             (void)move_golden(parked_path, golden_path);
         else
             (void)unlink(golden_path);
-        return result;
+        return 1;
     }
     if (renewal && run_shell("rm %s", parked_path) != 0)
         log_warning("Failed to remove %s", parked_path);
@@ -376,7 +469,7 @@ int32_t RestoreQCN(const std::string& port)
 int32_t RestoreGoldenQCN(const std::string& port)
 {
     log_info("Restore Golden QCN ...");
-    if (!undo_cut_renewal())
+    if (sFlashAllPartitions != 0 && (!lock_nv_data() || !undo_cut_renewal()))
         return 1;
     return restore_from(port, golden_path);
 }
@@ -396,6 +489,8 @@ int32_t EraseAndRestoreQCN(const std::string& port)
 
 int32_t MakeGoldenCopy()
 {
+    if (!lock_nv_data())
+        return 0;
     if (!undo_cut_renewal() || path_exists(golden_path)) {
         warn_of_half_copy();
         return 1;
@@ -412,7 +507,7 @@ int32_t write_nvitem(const NvPacket& packet)
     const NvPacket request = write_request(packet);
     PrintHex(request);
     SetRspCallback(NvRestoreCallback);
-    send_nv_write(request);
+    (void)send_nv_write(request);
     SetRspCallback(nullptr);
     return 0;
 }

@@ -1,7 +1,8 @@
 // Whole backups and restores of the modem's NV data, the golden copy, and single writes to the modem.
 //
 // Everything runs on the main thread and blocks; ports are paths of DIAG ttys. A backup leaves the modem offline, a
-// restore resets it.
+// restore resets it. While another process is at work on the NV data (lock_nv_data), nothing is done: an ERROR, and the
+// result of a failure.
 #pragma once
 
 #include "crashdump/nv_item.h"
@@ -11,12 +12,14 @@
 #include <string>
 
 // Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
-// are left out (WARNING); a backup file that cannot be written is an ERROR, and 1.
+// are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
+// the new one is on the disk (/data/nvbackup.bin.new until then), and when the new one holds less, as
+// /data/nvbackup.bin.old.
 [[nodiscard]] int32_t BackupQCN(const std::string& port);
 
 // The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With
-// s_force_fw_update it is made anew, and the old one is put back when that fails; of a first one that fails nothing
-// stays. A renewal that was cut short is undone before anything else.
+// s_force_fw_update it is made anew, and the old one is put back when that fails or the new one holds less (ERROR); of
+// a first one that fails nothing stays. A renewal that was cut short is undone before anything else.
 [[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
 
 // Removes /data/nvbackup.bin. The shell's raw status.
@@ -24,7 +27,7 @@ int32_t RemoveNVBackup();
 
 // Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or
 // 1 with an ERROR when the port does not appear within 30 s. Failures of single steps are ERRORs and no failure of the
-// whole.
+// whole; a file that is not complete is a WARNING, and what can be read of it is restored.
 [[nodiscard]] int32_t RestoreQCN(const std::string& port);
 [[nodiscard]] int32_t RestoreGoldenQCN(const std::string& port);
 

@@ -6,10 +6,14 @@
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
+#include "platform/os.h"
 #include "wan_dloader/emergency_downloader.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
 
 namespace {
 
@@ -24,17 +28,31 @@ constexpr size_t digits_at = 1, size = 7;
 static_assert(digits_at + TESSEL_SPC.size() == size);
 } // namespace spc_request
 
-// In front of the echo of a request that is refused for want of the service programming code.
-constexpr uint8_t bad_spc_code = 0x42;
-
 constexpr size_t request_head = 3; // code and item number, by which a response is known
 
 } // namespace
 
-bool open_diag_port(const std::string& port)
+bool await_diag_port(const std::string& port)
 {
     constexpr int32_t patience = 30; // seconds
-    if (WaitForDiagPort(port, patience) == 0)
+    return WaitForDiagPort(port, patience) != 0;
+}
+
+bool lock_nv_data()
+{
+    // The folder itself is locked: files in it are replaced, and a lock file would be left there.
+    static UniqueFd folder;
+    if (!folder.valid())
+        folder = UniqueFd(open("/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (flock(folder.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
+        return true; // a tablet that cannot lock it can work all the same
+    log_error("NV data are in use by another wan_dloader");
+    return false;
+}
+
+bool open_diag_port(const std::string& port)
+{
+    if (!await_diag_port(port) || !lock_nv_data())
         return false;
     (void)OpenSerialPort(port.c_str());
     return true;

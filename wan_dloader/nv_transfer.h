@@ -18,8 +18,16 @@ constexpr uint32_t transfer_piece = 512;
 // How a file of the modem is opened to be read.
 constexpr uint32_t open_read_only = 0, open_read_mode = 0x100;
 
-// Waits up to 30 s for the DIAG port `port` and opens it, to be closed with CloseSerialPort. False, with a WARNING,
-// when it does not appear; where it cannot be opened the process ends (OpenSerialPort).
+// Waits up to 30 s for the DIAG port `port`. False, with a WARNING, when it does not appear.
+[[nodiscard]] bool await_diag_port(const std::string& port);
+
+// Keeps other processes from the modem's NV data and their backups, from the first call to the end of the process. Two
+// at once would take each other's answers, and each would write over what the other one saves. False, with an ERROR,
+// when another process has them.
+[[nodiscard]] bool lock_nv_data();
+
+// Waits for the port, locks the NV data and opens the port, to be closed with CloseSerialPort. False when it does not
+// appear or the data are locked; where it cannot be opened the process ends (OpenSerialPort).
 [[nodiscard]] bool open_diag_port(const std::string& port);
 
 // DIAG mode request: 29, mode (2).
@@ -30,9 +38,11 @@ void request_modem_mode(ModemMode mode);
 // Sends the service programming code of this product, which unlocks NV writes. The answer is not looked at.
 void send_service_programming_code();
 
+// In front of the echo of a request that is refused for want of the service programming code.
+constexpr uint8_t bad_spc_code = 0x42;
+
 // The response in `packet` to the NV request `request`, from its code on; empty when it is none, and the wait goes on.
-// A modem that refuses for want of the service programming code puts 42 in front of the echoed request: that is a
-// WARNING, and the echo is the response. Reader thread.
+// A refusal for want of the service programming code is a WARNING, and the echo in it is the response. Reader thread.
 [[nodiscard]] std::span<const uint8_t> nv_response(std::span<const uint8_t> packet, const NvPacket& request);
 
 // Judges the status of the NV response `response`: 0 when it ends the wait, 1 when the modem has only queued the
@@ -41,7 +51,8 @@ void send_service_programming_code();
 
 // Fetches the item file `path`, whose size the modem gave as `size`, in pieces, each with the number `sequence`, which
 // is raised by one after each. True with the bytes in `data`. False, with a WARNING that the file is skipped, when the
-// modem refuses a piece, does not answer, or answers with another number (adopted, and raised).
+// modem refuses a piece, does not answer, or answers with another number (adopted, and raised). A modem that gives less
+// than it was asked for is not noticed here: the data are short then.
 //
 // After a piece, its length counts twice against what is left: of a file of more than 512 bytes only the first 512 are
 // fetched, and above 1024 bytes about half. Kept on purpose: the pieces of an item file are not addressed, and this is

@@ -119,6 +119,22 @@ int32_t read_data(NvUpdate& update, std::span<uint8_t> destination)
     return count;
 }
 
+// Takes the path of a file record, or leaves the one of the record before it.
+void take_path(NvUpdate& update, std::string_view header, std::string_view keyword)
+{
+    if (get_field_str(header, keyword, update.path) < 0 && !update.path.empty())
+        log_warning("UpdateNV: no \",\" behind a path, taken as %s", update.path.c_str());
+}
+
+// Reads the data of a file record. False when there are none to write; a WARNING when they are not `size` bytes.
+bool read_file_data(NvUpdate& update, int32_t size)
+{
+    const int32_t count = read_data(update, update.buffer);
+    if (count > 0 && count != size)
+        log_warning("UpdateNV: %d bytes of data for %d bytes of %s", count, size, update.path.c_str());
+    return count > 0;
+}
+
 // Whether a file record tells what to write; an ERROR when not.
 bool is_complete(const NvUpdate& update, int32_t size)
 {
@@ -143,8 +159,11 @@ void update_nv_item(NvUpdate& update, std::string_view header)
     const auto request = std::span(update.buffer).first<nv_packet::size>();
     std::ranges::fill(request, uint8_t{0});
     put_le16(request, nv_packet::item_at, static_cast<uint16_t>(item));
-    if (read_data(update, request.subspan(nv_packet::data_at, nv_packet::data_size)) < 0)
+    const int32_t count = read_data(update, request.subspan(nv_packet::data_at, nv_packet::data_size));
+    if (count < 0)
         return;
+    if (count == 0)
+        log_warning("UpdateNV: no data for NV item %d, written as zeros", item);
     NvPacket packet{};
     std::ranges::copy(request, packet.begin());
     (void)write_nvitem(packet);
@@ -152,7 +171,7 @@ void update_nv_item(NvUpdate& update, std::string_view header)
 
 void update_nv_item_file(NvUpdate& update, std::string_view header)
 {
-    (void)get_field_str(header, "NV ITEM FILE", update.path);
+    take_path(update, header, "NV ITEM FILE");
     const int32_t size = get_field_int(header, "SIZE");
     log_info("NV item file=%s, size=%d", update.path.c_str(), size);
     if (!is_complete(update, size))
@@ -163,13 +182,13 @@ void update_nv_item_file(NvUpdate& update, std::string_view header)
         log_error("UpdateNV: invalid size (%d bytes), at most %zu for an item file", size, most);
         return;
     }
-    if (read_data(update, update.buffer) > 0)
+    if (read_file_data(update, size))
         (void)write_nvitemfile(update.path, std::span(update.buffer).first(length));
 }
 
 void update_efs_file(NvUpdate& update, std::string_view header)
 {
-    (void)get_field_str(header, "EFS FILE", update.path);
+    take_path(update, header, "EFS FILE");
     const int32_t size = get_field_int(header, "SIZE");
     log_info("EFS file=%s, size=%d", update.path.c_str(), size);
     if (!is_complete(update, size))
@@ -179,7 +198,7 @@ void update_efs_file(NvUpdate& update, std::string_view header)
         log_error("UpdateNV: realloc failed (%d bytes)", size);
         return;
     }
-    if (read_data(update, update.buffer) > 0)
+    if (read_file_data(update, size))
         (void)write_efsfile(update.path, std::span(update.buffer).first(length));
 }
 
@@ -400,7 +419,8 @@ int32_t get_field_int(std::string_view text, std::string_view name)
     const std::string value(text.substr(at + name.size() + 1));
     char* end = nullptr;
     (void)strtol(value.c_str(), &end, 10);
-    return end == value.c_str() ? -1 : text_to_int(value);
+    const bool whole = *end == '\0' || std::string_view(", \t\r\n").find(*end) != std::string_view::npos;
+    return end == value.c_str() || !whole ? -1 : text_to_int(value);
 }
 
 int32_t get_field_str(std::string_view text, std::string_view name, std::string& value)

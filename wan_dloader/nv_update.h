@@ -12,7 +12,10 @@
 // Lines may begin with blanks and tabs. Data lines are pairs of hex digits, blanks and tabs between them; a line's data
 // end at the first character that is neither, or before a lone digit. A record's data end with the file, or at a line
 // that holds a "=", which is the next header, also if it is a comment. SIZE is what is written of a file; nothing is
-// when there are no data lines. A header without a "," names the path of the file record before it.
+// when there are no data lines. A header without a "," names the path of the file record before it, and a WARNING says
+// which. A WARNING, too, are data of another length than SIZE, and an item without data.
+//
+// The service programming code is not sent, so that the modem refuses items that it protects by it (WARNING).
 //
 // All records share one working buffer. It starts as 1024 zero bytes and grows to the SIZE of a regular file; what a
 // record leaves in it is written by a later one whose SIZE exceeds its data.
@@ -67,7 +70,8 @@ enum class NvRecordType { nv_item, nv_item_file, efs_file, del_efs_file, other }
 [[nodiscard]] NvRecordType get_nvtype(std::string_view text);
 
 // The decimal number behind `name` and one more character, `name` being looked for anywhere in `text`. -1 when there is
-// no such name or no number behind it: a zero would address item 0, or empty a file.
+// no such name or no number behind it, with a blank, a "," or the line's end after it: what "0x20C" and the like begin
+// with would address item 0, or empty a file.
 [[nodiscard]] int32_t get_field_int(std::string_view text, std::string_view name);
 
 // Puts the text behind `name` and one more character, up to the next ",", into `value`, and returns its length. -1 when

@@ -117,7 +117,9 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
                 ElementsAre("W " + path + ": saved 512 of 600 bytes; a restore loses what is behind it",
                             "E NV backup file ends inside record 157"));
     wipe();
-    EXPECT_THAT(complaints_of(take_turn(restore, true)), ElementsAre("E NV backup file ends inside record 157"));
+    EXPECT_THAT(complaints_of(take_turn(restore, true)),
+                ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored",
+                            "E NV backup file ends inside record 157"));
     EXPECT_EQ(all_in("nv"), nv);
     Files restored;
     for (const NvFileRow& file : NvItemFileList.first(row))
@@ -140,7 +142,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
         return " --fault " + word + "@" + std::to_string(reply) + argument;
     };
     modem("normal" + fault("error", 7, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
-          fault("drop", before + 14) + fault("refuse", before + 56, ":13") + fault("refuse", before + 60, ":16"));
+          fault("drop", before + 14) + fault("short", before + 16, ":314") + fault("refuse", before + 57, ":13") +
+          fault("refuse", before + 61, ":16") + fault("short", before + 63, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},
@@ -148,7 +151,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
                 {"00020", "20/0: AA BB\n20/1: CC\n"}});
     const std::string item = pattern(512, 1), regular = pattern(600, 2);
     const Texts regular_files = {"/nv/item_files/rfnv/00020133", "/nv/item_files/rfnv/00022960",
-                                 "/nv/item_files/rfnv/00022967", "/nv/item_files/rfnv/00022975"};
+                                 "/nv/item_files/rfnv/00022967", "/nv/item_files/rfnv/00022975",
+                                 "/nv/item_files/rfnv/00022976"};
     std::string types = "regular /nv/item_files/mcs/tcxomgr/tcxo_mode\n";
     for (const std::string& path : regular_files)
         types += "regular " + path + "\n";
@@ -161,11 +165,13 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
                  {item_files + "modem/qmi/cat/qmi_cat_mode", "\x02"},
                  {item_files + "modem/uim/gstk/tp_clients", "x"},
                  {item_files + "modem/uim/uimdrv/hotswap_card_inserted_level", "x"},
+                 {item_files + "modem/uim/uimdrv/me_hotswap_configuration", item},
                  {radio_files + "00020090", "x"},
                  {radio_files + "00020133", regular},
                  {radio_files + "00022960", ""},
                  {radio_files + "00022967", "x"},
-                 {radio_files + "00022975", regular}});
+                 {radio_files + "00022975", regular},
+                 {radio_files + "00022976", regular}});
 
     // The daemon is started in the background, so the command stays until that is done.
     const Job job = start("mkfifo go && tessel wan_dloader -nb; status=$?; cat go; exit $status");
@@ -174,19 +180,24 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     std::ofstream(root() + "/data/go") << "";
     const auto r = finish(job);
     EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(complaints_of(r),
-                ElementsAre("W NV item (5): Parameter is write-protected and thus read-only.",
-                            "W NV item (10): Request is queued.", "E Timeout!", "W NV item (18): Unknown status - 11",
-                            "W Bad SPC for NV item 20", "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
-                            "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
-                            "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff",
-                            "E Permission denied.", "W Skip /nv/item_files/modem/mmode/ue_usage_setting",
-                            "W Seq number is not matched: in - 4, out - 5",
-                            "W Skip /nv/item_files/modem/uim/gstk/tp_clients", "E Timeout!",
-                            "W Skip /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
-                            "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
-                            "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
-                            "W Failed to read /nv/item_files/rfnv/00022975, skip it!"));
+    EXPECT_THAT(
+        complaints_of(r),
+        ElementsAre(
+            "W NV item (5): Parameter is write-protected and thus read-only.", "W NV item (10): Request is queued.",
+            "E Timeout!", "W NV item (10): no answer", "W NV item (18): Unknown status - 11",
+            "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: no answer",
+            "W Stored as zeros, which a restore writes, since the modem refused them: 1",
+            "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
+            "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
+            "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff", "E Permission denied.",
+            "W Skip /nv/item_files/modem/mmode/ue_usage_setting", "W Seq number is not matched: in - 4, out - 5",
+            "W Skip /nv/item_files/modem/uim/gstk/tp_clients", "E Timeout!",
+            "W Skip /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
+            "W Response announces 512 bytes, 300 taken",
+            "E /nv/item_files/modem/uim/uimdrv/me_hotswap_configuration came short of its 512 bytes, skip it!",
+            "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
+            "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
+            "W Failed to read /nv/item_files/rfnv/00022975, skip it!", "E EFS2 STAT response is cut: 12 bytes"));
     EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  642\n");
 
     // The item that was refused for want of the programming code has the bytes of the request.
@@ -200,7 +211,7 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     for (const std::string& request : requests())
         if (request.find(": 4B 13 27") != std::string::npos)
             sequences += request.substr(request.find(": ") + 2 + size_t{12} * 3, 3);
-    EXPECT_EQ(sequences, "00 01 02 03 04 06 07 ");
+    EXPECT_EQ(sequences, "00 01 02 03 04 06 07 08 ");
     Texts done = journal();
     std::erase_if(done, [](const std::string& line) {
         return !line.starts_with("ran ") && !line.starts_with("state ") && !line.ends_with(" 29 00 00");
@@ -221,16 +232,32 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
 }
 
 // Each operation has a /data of its own, so that what it finds there is not what another one did.
-TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
+TEST_F(SmallModem, NoCopyIsLostForALesserOne)
 {
     modem("normal");
     fill_all();
     const std::string name = "nvbackup_golden.bin", parked = name + "tmp", fresh = saved, old = "old", half = "half";
+    // Of a modem that has not lost item 5, and of one that had nothing in item 0.
+    const std::string more = backup_file({{nv_items, {nv_record(0, "\1"), nv_record(5, ""), nv_record(10, "\1")}},
+                                          {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
+                                          {efs_files, {}}});
+    const std::string less = backup_file({{nv_items, {nv_record(0, ""), nv_record(10, "\1")}},
+                                          {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
+                                          {efs_files, {}}});
+    const std::string holds_fresh = "holds 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes); ",
+                      with_more = "with 3 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes), ";
     const std::string missing = "E fopen "s + golden + ": No such file or directory";
-    const Texts no_room = {"E Failed to write "s + golden + ": No space left on device",
-                           "E NV backup file size is not correct! expected: 28, actual: 0",
-                           "E NV backup file size is not correct! expected: 40, actual: 0",
-                           "E Not a valid NV backup file"};
+    const auto no_room = [](const std::string& path) {
+        return Texts{"E Failed to write " + path + ": No space left on device",
+                     "E NV backup file size is not correct! expected: 28, actual: 0",
+                     "E NV backup file size is not correct! expected: 40, actual: 0", "E Not a valid NV backup file"};
+    };
+    Texts no_room_beside = no_room(backup + ".new"s);
+    no_room_beside.emplace_back("E No new backup: /data/nvbackup.bin is the one from before");
+    const std::string stored = "nvbackup.bin", kept = stored + ".old";
+    const std::string not_better = "E The new golden copy " + holds_fresh + "the old one, " + with_more + "stays";
+    const std::string set_aside =
+        "W The new backup " + holds_fresh + "the one before, " + with_more + "is kept as /data/nvbackup.bin.old";
     const std::string not_whole = "W "s + golden + " is not complete, make it anew with -f";
     const std::string undone = "W Putting back the golden copy of a renewal that was cut short";
     const struct {
@@ -243,9 +270,16 @@ TEST_F(SmallModem, GoldenCopyIsMadeOnceAndRenewedWhole)
         {"-ng", "true", {}, {{name, fresh}}, {}, true, false},
         {"-ng", "true", {{name, old}}, {{name, old}}, {not_whole}, false, false},
         {"-ng", "true", {{name, fresh}, {parked, old}}, {{name, fresh}, {parked, old}}, {}, false, false},
-        {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room, true, false},
+        {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room(golden), true, false},
         {"-fng", "true", {{name, old}}, {{name, fresh}}, {}, true, false},
-        {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room, true, false},
+        {"-fng", "true", {{name, less}}, {{name, fresh}}, {}, true, false},
+        {"-fng", "true", {{name, more}}, {{name, more}}, {not_better}, true, false},
+        {"-ng", "true", {{name, fresh}, {parked, more}}, {{name, more}}, {undone}, false, false},
+        {"-nb", "true", {{stored, less}}, {{stored, fresh}}, {}, true, false},
+        {"-nb", "true", {{stored, more}, {kept, less}}, {{stored, fresh}, {kept, more}}, {set_aside}, true, false},
+        {"-nb", "true", {{stored, less}, {kept, more}}, {{stored, fresh}, {kept, more}}, {}, true, false},
+        {"-nb", "mount -o remount,size=4k /data", {{stored, more}}, {{stored, more}}, no_room_beside, true, false},
+        {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room(golden), true, false},
         {"-fng",
          "mount -o remount,ro /data",
          {{name, old}},
@@ -297,7 +331,8 @@ TEST_F(SmallModem, GoesAwayAmongTheFiles)
     wipe();
     (void)run("echo 2 >/sys/wan/power");
     EXPECT_THAT(complaints_of(take_turn(restore, true)),
-                ElementsAre("E !!!Not found NV item file block", "E !!!Not found EFS file block"));
+                ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored",
+                            "E !!!Not found NV item file block", "E !!!Not found EFS file block"));
     EXPECT_EQ(all_in("nv"), nv);
     EXPECT_EQ(all_in("efs"), Files{});
 }
@@ -317,22 +352,28 @@ TEST_F(SmallModem, GoesAwayAmongTheItems)
     EXPECT_EQ(left.size(), 2U);
 }
 
-TEST_F(SmallModem, BackupThatCannotBeWrittenIsNone)
+// In the place of a backup is something else, or somebody else works on it.
+TEST_F(SmallModem, BackupIsAFileAndHasOneWriter)
 {
     modem("normal");
-    const Job full = queue("-nb"), folder = queue("-nb");
+    const Job second = queue("-nb", "flock /data %"), folder = queue("-nb"), pipe = queue("-nr"),
+              over_pipe = queue("-nb");
     fill_all();
-    fs::create_symlink("/dev/full", root() + backup);
-    EXPECT_THAT(complaints_of(take_turn(full)),
-                ElementsAre("E Failed to write /data/nvbackup.bin: No space left on device",
-                            "E NV backup file size is not correct! expected: 28, actual: 0",
-                            "E NV backup file size is not correct! expected: 40, actual: 0",
-                            "E Not a valid NV backup file"));
-    fs::remove(root() + backup);
+    EXPECT_THAT(complaints_of(take_turn(second)), ElementsAre("E NV data are in use by another wan_dloader"));
+    EXPECT_THAT(requests(), IsEmpty());
     fs::create_directory(root() + backup);
-    const std::string refused = "E fopen /data/nvbackup.bin: Is a directory";
     EXPECT_THAT(complaints_of(take_turn(folder)),
-                ElementsAre(refused, refused, refused, "E Not a valid NV backup file"));
+                ElementsAre("E rename /data/nvbackup.bin.new: Is a directory",
+                            "E No new backup: /data/nvbackup.bin is the one from before"));
+    fs::remove(root() + backup);
+    ASSERT_EQ(run_shell("mkfifo %s%s", root().c_str(), backup), 0);
+    const std::string no_file = "E fopen /data/nvbackup.bin: Invalid argument";
+    EXPECT_THAT(complaints_of(take_turn(pipe, true)),
+                ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored", no_file,
+                            no_file, no_file));
+    EXPECT_THAT(complaints_of(take_turn(over_pipe)), IsEmpty());
+    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
+    EXPECT_EQ(fs::status(root() + backup).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 // None of the operations finds its port, and a renewal puts the old golden copy back.

@@ -12,8 +12,9 @@ struct Damage {
     const char* name;
     std::string bytes;
     Texts complaints;
-    size_t items;      // how many items the modem then has, in the order of the file
-    const char* files; // which files it then has, by the last letter of their names
+    size_t items;       // how many items the modem then has, in the order of the file
+    const char* files;  // which files it then has, by the last letter of their names
+    bool whole = false; // its records are, whatever stands in them
 };
 
 const Texts hand_made_items = {nv_record(0, "\1"), nv_record(10, "\2"), nv_record(85, "\3")};
@@ -59,6 +60,7 @@ std::string no_data(const std::string& path)
 
 const std::string no_items = "E !!!Not found NV item block", no_item_files = "E !!!Not found NV item file block",
                   no_efs_files = "E !!!Not found EFS file block";
+const std::string one_not_restored = "E 1 NV item files were not restored";
 const Texts no_chunks = {no_items, no_item_files, no_efs_files};
 const Texts no_backup(3, "E Not a valid NV backup file");
 const std::string four_billion = "\xFF\xFF\xFF\xFF";
@@ -86,7 +88,7 @@ const std::vector<Damage> cut_late = {
     {"in the data of a regular file", cut(record_f - 1), {no_data("/sd/e")}, 3, "ab"},
     {"between regular files", cut(record_f), {inside(1)}, 3, "abe"},
     {"one byte short", cut(backup_end - 1), {no_data("/sd/f")}, 3, "abe"},
-    {"no damage", cut(backup_end), {}, 3, "abef"},
+    {"no damage", cut(backup_end), {}, 3, "abef", true},
     {"trailing bytes", good_backup + "more", {}, 3, "abef"},
     {"no chunks", with(12, le32(0)), no_chunks, 0, ""},
     {"endless chunks", with(12, four_billion).substr(0, efs_files_at), {no_efs_files}, 3, "ab"},
@@ -94,7 +96,7 @@ const std::vector<Damage> cut_late = {
 const std::vector<Damage> lies = {
     {"first magic", with(3, "M"), no_backup, 0, ""},
     {"second magic", with(4, "Q"), no_backup, 0, ""},
-    {"version", with(8, four_billion), {}, 3, "abef"},
+    {"version", with(8, four_billion), {}, 3, "abef", true},
     {"tag", with(items_at, "\3"), {no_items}, 0, "abef"},
     {"items: count", with(items_at + 4, four_billion), {inside(3)}, 3, "abef"},
     {"items: size", with(items_at + 8, four_billion), {no_item_files, no_efs_files}, 3, ""},
@@ -106,14 +108,14 @@ const std::vector<Damage> lies = {
 const std::vector<Damage> odd_records = {
     {"path beyond the chunk", with(record_a, "\xFF\xFF"), {inside(0)}, 3, "ef"},
     {"no path", with(record_a, le16(0)), {no_data("")}, 3, "ef"},
-    {"path without zero", with(record_a + 18, "x"), {}, 3, "xbef"},
+    {"path without zero", with(record_a + 18, "x"), {}, 3, "xbef", true},
     {"data beyond the chunk", with(record_a + 19, "\xFF\xFF"), {no_data("/nv/item_files/a")}, 3, "ef"},
     {"data beyond a request", damaged_backup({hand_made_item_files[0], file_record("/sd/b", std::string(2100, 'b'))}),
-     {"E EFS2 request is too long: 2120 bytes, with a path of 5 characters", "E Failed to put nv file: /sd/b"}, 3, "aef"},
+     {"E EFS2 request is too long: 2120 bytes, with a path of 5 characters", "E Failed to put nv file: /sd/b", one_not_restored}, 3, "aef", true},
     {"path beyond a request", damaged_backup({file_record(std::string(3000, 'p'), ""), hand_made_item_files[1]}),
-     {"E EFS2 request is too long: 3015 bytes, with a path of 3000 characters", "E Failed to put nv file: " + std::string(3000, 'p')}, 3, "bef"},
+     {"E EFS2 request is too long: 3015 bytes, with a path of 3000 characters", "E Failed to put nv file: " + std::string(3000, 'p'), one_not_restored}, 3, "bef", true},
     {"path of a folder", damaged_backup({file_record("/sd", "x"), hand_made_item_files[1]}),
-     {"E Is a directory", "E Failed to put nv file: /sd"}, 3, "bef"},
+     {"E Is a directory", "E Failed to put nv file: /sd", one_not_restored}, 3, "bef", true},
 };
 // clang-format on
 
@@ -153,7 +155,11 @@ TEST_P(DamagedBackup, GivesWhatItCanAndSaysWhatNot)
 
         const auto r = take_turn(jobs[i], true);
         EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(complaints_of(r), damage.complaints);
+        Texts complaints = damage.complaints;
+        if (!damage.whole)
+            complaints.insert(complaints.begin(),
+                              "W /data/nvbackup.bin is not complete, what can be read of it is restored");
+        EXPECT_EQ(complaints_of(r), complaints);
         Files nv = {{"00000", "0: 01\n"}, {"00010", "10: 02\n"}, {"00085", "85: spc 03\n"}};
         if (damage.items < 3)
             nv["00085"] = "85: spc 00\n";
@@ -182,21 +188,40 @@ using NvRestore = NvOnTablet;
 TEST_F(NvRestore, GoesOnWhereTheModemRefuses)
 {
     // Replies: offline, programming code, three items, two item files; then what opens, writes and closes a file.
-    modem("normal --spc 123456 --fault refuse@6:13 --fault sequence@7 --fault refuse@11:28 --fault refuse@14:13");
+    modem("normal --spc 123456 --fault drop@3 --fault refuse@6:13 --fault sequence@7 --fault refuse@11:28 --fault "
+          "refuse@14:13");
     write_file(backup, good_backup);
     fill("nv", {{"00010", "10: write-status 7 FF\n"}, {"00085", "85: spc 00\n"}});
     fill("efs", {{"sd/f", "old"}});
     const auto r = run("tessel wan_dloader -nr");
     EXPECT_EQ(r.status, 0);
     EXPECT_THAT(complaints_of(r),
-                ElementsAre("W NV item (10): Parameter is write-protected and thus read-only.",
-                            "W Bad SPC for NV item 85", "E Permission denied.",
+                ElementsAre("E Timeout!", "W NV item (0): no answer",
+                            "W NV item (10): Parameter is write-protected and thus read-only.",
+                            "W Bad SPC for NV item 85", "E 3 NV items were not restored", "E Permission denied.",
                             "E Failed to put nv file: /nv/item_files/a", "W Seq number is not matched: in - 2, out - 3",
-                            "E No space left on device", "E Failed to write EFS file: /sd/e", "E Permission denied."));
+                            one_not_restored, "E No space left on device", "E Failed to write EFS file: /sd/e",
+                            "E Permission denied.", "E Failed to open EFS file: /sd/f",
+                            "E 2 EFS files were not restored"));
     for (const char* total : {"I >>> Totally restored 3 NV items.", "I >>> Totally restored 2 NV item files",
                               "I >>> Totally restored 2 EFS files"})
         EXPECT_THAT(r.records(), Contains(total));
     EXPECT_THAT(complaints(), Contains("complaint: wrong service programming code"));
+}
+
+// The modem opens the files, and so empties them, but says so only once.
+TEST_F(NvRestore, OpensAFileAgainWhenTheAnswerIsLost)
+{
+    modem("normal --fault drop@9 --fault drop@16 --fault drop@18");
+    write_file(backup, good_backup);
+    fill("efs", {{"sd/e", std::string(700, 'x')}, {"sd/f", "old"}});
+    const auto r = run("tessel wan_dloader -nr");
+    const std::string timeout = "E Timeout!", no_open = "W EFS2 OPEN DIAG command failure: 71";
+    EXPECT_THAT(complaints_of(r), ElementsAre(timeout, no_open, timeout, no_open, timeout, no_open,
+                                              "E No answer to opening /sd/f, it may be empty on the modem",
+                                              "E Failed to open EFS file: /sd/f", "E 1 EFS files were not restored"));
+    EXPECT_EQ(read_file("/modem/efs/sd/e"), hand_made_files.at("sd/e"));
+    EXPECT_EQ(read_file("/modem/efs/sd/f"), "");
 }
 
 TEST_F(NvRestore, EndsWithTheModem)

@@ -148,6 +148,50 @@ TEST(NvFile, VerifyingEndsWithTheFile)
                             "I \tTotal size: 260", "E NV backup file ends inside a chunk"));
 }
 
+TEST(NvFile, HoldsWhatARestoreFinds)
+{
+    using namespace nv_chunk_header;
+    const std::string items = chunk(nv_items, 2, "\1\0\0"s + std::string(126, '\0') + "x" + std::string(130, '\0')),
+                      files = chunk(nv_item_files, 2, two_files), none = chunk(efs_files, 0, "");
+    const std::string all = header(3) + items + files + none;
+    const struct {
+        std::string bytes, contents;
+        bool whole;
+    } rows[] = {
+        {all, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", true},
+        {all + "x", "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false},
+        {header(3) + none + items + files, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)",
+         false},
+        {header(2) + items + files, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false},
+        {header(3) + items + chunk(nv_item_files, 1, two_files) + none,
+         "2 NV items (1 not zero), 1 item files (2 bytes), 0 EFS files (0 bytes)", false},
+        {header(3) + items + chunk(nv_item_files, 9, "\3\0/a\0\x09\0xy"s) + chunk(efs_files, 2, two_files),
+         "2 NV items (1 not zero), 0 item files (0 bytes), 2 EFS files (2 bytes)", false},
+        {all.substr(0, 200), "1 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+        {header(1) + chunk(nv_items, 2, "\x14" + std::string(129, '\0') + "\x14\0\1"s + std::string(127, '\0')),
+         "2 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+        {"x" + all, "0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+    };
+    std::string name = std::filesystem::temp_directory_path() / "nv_file_test-XXXXXX";
+    const UniqueFd made(mkstemp(name.data()));
+    for (const auto& row : rows) {
+        std::ofstream(name, std::ios::binary) << row.bytes;
+        EXPECT_EQ(nv_file_contents(name).text(), row.contents);
+        EXPECT_EQ(nv_file_contents(name).whole, row.whole) << row.contents;
+    }
+    std::filesystem::remove(name);
+    const NvFileContents one = {true, 1, 1, 1, 1, 1, 1};
+    EXPECT_FALSE(one.holds_less_than(one));
+    for (uint64_t NvFileContents::*const field :
+         {&NvFileContents::items, &NvFileContents::filled_items, &NvFileContents::item_files,
+          &NvFileContents::item_file_bytes, &NvFileContents::efs_files, &NvFileContents::efs_file_bytes}) {
+        NvFileContents two = one;
+        two.*field = 2;
+        EXPECT_TRUE(one.holds_less_than(two));
+        EXPECT_FALSE(two.holds_less_than(one));
+    }
+}
+
 TEST(NvFile, OnlyAFileOfTheChunksThatAreExpectedIsExtended)
 {
     using namespace nv_chunk_header;

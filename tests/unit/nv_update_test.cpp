@@ -77,7 +77,7 @@ TEST(NvUpdate, NumbersAreFoundByName)
         {"NV ITEM=123, INDEX=4\r\n", "INDEX", 4},
         {"NV ITEM=0,INDEX:007", "INDEX", 7},
         {"SIZE= \t+12,", "SIZE", 12},
-        {"SIZE=12SIZE=13", "SIZE", 12},
+        {"SIZE=12\t# bytes", "SIZE", 12},
         {"SIZE=-3", "SIZE", -3},
         {"SIZE=2147483648", "SIZE", most},
         {"SIZE=-99999999999999999999", "SIZE", least},
@@ -89,6 +89,8 @@ TEST(NvUpdate, NumbersAreFoundByName)
         {"SIZE = 4", "SIZE", -1},
         {"SIZE=x4", "SIZE", -1},
         {"SIZE=- 4", "SIZE", -1},
+        {"SIZE=0x20C", "SIZE", -1},
+        {"SIZE=12SIZE=13", "SIZE", -1},
         {"EFS FILE=/SIZE1,SIZE=4", "SIZE", -1},
     };
     for (const auto& row : rows)
