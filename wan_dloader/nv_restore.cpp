@@ -405,6 +405,8 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
     const ssize_t sent = sendfile(to.get(), from.get(), &offset, static_cast<size_t>(status.st_size));
     if (sent != status.st_size)
         log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(sent < 0 ? errno : ENOSPC).c_str());
+    if (fsync(to.get()) != 0) // the modem may be erased next
+        log_warning("fsync: %s", error_text(errno).c_str());
     return 1;
 }
 

@@ -137,7 +137,7 @@ TEST_F(UsbNodes, EveryDeviceOfAKindIsListed)
     add("/004/" + std::string(64 - base.size() - 5, '1'), fastboot); // a path too long
     ASSERT_EQ(mkfifo((base + "/001/003").c_str(), 0600), 0);
     s_string = "\x0C\3S\0\n\0001\0\0\0x\0"s;
-    EXPECT_EQ(listed(list_devices_callback), "????????????\tfastboot\nS.1\tfastboot\n");
+    EXPECT_EQ(listed(list_devices_callback), "????????????\tfastboot\nS 1\tfastboot\n");
     EXPECT_EQ(listed(list_adb_devices_callback), "????????????\tdevice\n");
 
     fs::permissions(base + "/001/001", fs::perms{0444});
