@@ -240,7 +240,7 @@ int32_t tar_get_files_count()
 
 int32_t tar_seek_file(const std::string& name)
 {
-    for (size_t slot = 0; slot < s_filelist.size() && s_filelist[slot]; ++slot)
+    for (size_t slot = 0; f_tarinit && slot < s_filelist.size() && s_filelist[slot]; ++slot)
         if (s_filelist[slot]->name == name)
             return static_cast<int32_t>(slot);
     return -1;

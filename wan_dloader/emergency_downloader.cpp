@@ -14,6 +14,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -165,11 +166,15 @@ int32_t send_records(HexState& state)
 
     std::array<char, longest_line + 1> buffer{};
     std::vector<uint8_t> data;
+    bool continues = false; // the line before went on
     for (int32_t eof = 0; eof == 0;) {
         if (!FgetsModemFile(buffer))
             return 1;
         const std::string_view line = buffer.data();
-        if (line.size() == longest_line && !line.ends_with('\n')) {
+        const bool is_rest = std::exchange(continues, line.size() == longest_line && !line.ends_with('\n'));
+        if (is_rest)
+            continue; // of a line that is no record
+        if (continues && line.starts_with(':')) {
             log_error("packet is longer than %d characters", static_cast<int>(longest_line));
             return 1;
         }

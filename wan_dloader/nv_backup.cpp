@@ -303,7 +303,8 @@ int32_t NvItemBackup(const std::string& file_name)
     if (refused != 0)
         log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
                     static_cast<unsigned>(refused));
-    return result;
+    // What holds nothing at all must not pass for a backup: the modem may be erased next.
+    return unread == NvItemList.size() ? 1 : result;
 }
 
 int32_t NvItemFileBackup(const std::string& file_name)

@@ -310,7 +310,8 @@ int32_t SendPartitionTable(int32_t override_flag)
     std::array<uint8_t, table_at + longest> request{code};
     put_u8(request, override_at, static_cast<uint8_t>(override_flag));
     const size_t length = ReadModemFile(std::span(request).subspan(table_at));
-    if (length == 0 && !EOF_ModemFile()) {
+    // A table cut short by a failed read would be taken for another one, and override what is there.
+    if (length < longest && (!EOF_ModemFile() || static_cast<int64_t>(length) != GetModemFileSize())) {
         log_error("fread: %d - %s", errno, error_text(errno).c_str());
         end_process(exit_unreadable);
     }
@@ -318,7 +319,11 @@ int32_t SendPartitionTable(int32_t override_flag)
 
     log_debug(">>>>>>>>>>>>Send Partition Table to flash programmer");
     (void)pktio_send_end_of_packet_char(); // as in send_behind_flag
-    (void)SendPktWithCallback(std::span(request).first(table_at + length), reply_code, SendPartitionTableCallBack);
+    const auto packet = std::span(request).first(table_at + length);
+    if (SendPktWithCallback(packet, reply_code, SendPartitionTableCallBack) != exchange_accepted) {
+        s_flash_error_set = false; // what comes now is too late
+        s_flash_error_code = table_no_answer;
+    }
     const uint32_t outcome = s_flash_error_code;
     if (s_flash_error_set) {
         log_error("Flash error: %s", outcome < s_flash_err_str.size() ? s_flash_err_str.at(outcome) : "unknown");

@@ -213,7 +213,7 @@ std::vector<std::string> nv_files_of_package(bool own_allowed)
     return files;
 }
 
-std::vector<std::string> nv_files_of_folder(bool own_allowed)
+std::vector<std::string> nv_files_of_folder()
 {
     const std::string folder = "/sdcard/firmware/"; // whatever the image folder is
     const NvUpdateFiles names = nv_update_files();
@@ -224,8 +224,7 @@ std::vector<std::string> nv_files_of_folder(bool own_allowed)
         else
             log_warning("NV file %s: %s", path.c_str(), error_text(errno).c_str());
     };
-    if (own_allowed)
-        add(folder + names.own);
+    add(folder + names.own);
     add(folder + names.all);
     return files;
 }
@@ -238,7 +237,7 @@ int32_t finish(int32_t status)
     if ((sFlashMode & flash_mode::nv_items) == 0) {
         log_info("    Skip updating NV items");
     } else {
-        const auto files = s_in_tar_file_mode != 0 ? nv_files_of_package(own_allowed) : nv_files_of_folder(own_allowed);
+        const auto files = s_in_tar_file_mode != 0 ? nv_files_of_package(own_allowed) : nv_files_of_folder();
         if (!files.empty())
             status = UpdateNV2(files, s_reset_port);
     }

@@ -1,6 +1,16 @@
 // wan_dloader: firmware and NV data of the modem.
 //
-//   wan_dloader [-P PORT] [-dvo] -n OPERATION
+//   wan_dloader [-aeEflrsdvo] [-m TYPE] [-p DIR] [-P PORT] [-D PORT] [-R PORT]
+//   wan_dloader [-P PORT] [-fdvo] -n OPERATION
+//
+// Without -n: updates the firmware from the package in DIR, in stages (update_flow.h).
+//
+//   -p DIR   folder of the package, /sdcard/firmware/ unless given, at most 255 characters
+//   -m TYPE  add to what is flashed: all, amss, dsp, boot, nvitem; by prefix, in any case. May be given many times
+//   -l       add the modem's Linux images
+//   -a       flash every partition, over the partition table there is, instead of what was chosen so far
+//   -E       back up, erase and flash everything, restore, instead of what was chosen so far
+//   -e -f -s -r   emergency download; whatever the versions say; look at no versions; in recovery mode
 //
 //   -n b       back up the NV data to /data/nvbackup.bin
 //   -n r       restore them from there
@@ -12,21 +22,18 @@
 //
 //   -P PORT, -D PORT, -R PORT   DIAG port before download mode, in it, and after the modem's reset; /dev/ttyUSB0 unless
 //            given, cut at 127 characters
-//   -p DIR   folder of the firmware, /sdcard/firmware/ unless given, at most 255 characters
-//   -m TYPE  add to what is flashed: all, amss, dsp, boot, nvitem; by prefix, in any case. May be given many times
-//   -l       add the modem's Linux images
-//   -a       flash every partition, over the partition table there is, instead of what was chosen so far
-//   -E       back up, erase and flash everything, restore, instead of what was chosen so far
-//   -e -f -s -r   emergency download; whatever the versions say; start with the downloader; in recovery mode
 //   -d -v -o the port's time stamps, traffic, log lines on standard output
 //   -h       usage
 //
-// The radio daemon is stopped for the operation, 15 seconds before it, and started again afterwards.
+// The radio daemon is stopped first, and started again afterwards; not so with -r.
 //
-// Exit status: 0 after any -n, whatever came of it, also when there is no such operation. 2 usage shown, or unusable
-// arguments. 1 for a run without -n, the firmware update, which this build lacks; or the port of -P cannot be examined
-// any more. 32 no /dev/ttyUSB0 for -n U. 64 the port cannot be opened. 69 a request could not be sent. After 32, 64, 69
-// and that 1 the radio daemon is not started again.
+// Exit status: 0 after any -n, whatever came of it, also when there is no such operation; after an update that came to
+// its end, also where nothing was due or the package is for another modem. 1 no valid package, or backup, the way into
+// download mode, the downloader, the partition table or the restore failed; or a port cannot be examined any more.
+// 2 usage shown, or unusable arguments. 18 to 22, 25, 26 with -r: the modem could not be powered on (mdmctrl.h).
+// 32 no /dev/ttyUSB0 when the SKU is read. 64 the port cannot be opened. 69 a request could not be sent, or the
+// downloader has a record of unknown type. 72 the modem's port did not come back. 76 the partition table was refused.
+// 78 no such folder. After 32, 64, 69, 72, 78 and a port that vanished the radio daemon is not started again.
 //
 // Kept on purpose: options count in their order, and -n runs at once, so that what follows it is not looked at. -t has
 // an argument and is as unknown as any other letter.

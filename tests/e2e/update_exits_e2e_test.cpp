@@ -20,7 +20,7 @@ const UpdateCase package_cases[] = {
      .records = Texts{"I MODEM TYPE: UNKNOWN - 32", "W The modem FW is not for UNKNOWN"} + exiting},
     {.name = "WithNvFilesOnly", .before = nv_files_only, .options = "-m nvitem",
      .records = Texts{"I Only update NV items"} + stage6 +
-                Texts{"I NV file (NON-PVT): nvitems.txt", "I NV file (ALL): nvitems_all.txt", made_anew} + ended},
+                Texts{"I NV file (NON-PVT): nvitems.txt", "I NV file (ALL): nvitems_all.txt"} + ended},
     {.name = "WithNvFilesOfOtherSkus", .modem = "--sku 1", .before = nv_files_only, .status = 1, .records = invalid},
     {.name = "WithMoreFilesThanAreListed", .before = edited("for i in 1 2 3 4; do echo $i > x$i; done"),
      .records = Texts{"I Only update NV items"} + finished},
