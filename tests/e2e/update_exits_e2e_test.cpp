@@ -12,7 +12,6 @@ const std::string newer_apps = "--apps APPS_2", few_images = "--without sbl1.mbn
 const std::string nv_files_only = edited("rm *.mbn *.img *.yaffs2 *.hex fwversion.txt");
 
 // clang-format off
-constexpr const char* made_anew = "E No such file or directory"; // a file of the modem, that is
 const UpdateCase package_cases[] = {
     {.name = "ForForeignSkus", .modem = "--sku 1", .package = "--sku RIDGE,VALLEY", .options = "-a",
      .records = {"I FW OTA Config: RIDGE", "I FW OTA Config: VALLEY", "W The modem FW is not for SUMMIT", exiting[0]}},
