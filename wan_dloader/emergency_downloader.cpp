@@ -68,7 +68,7 @@ private:
 bool answers(const std::string& port, uint8_t probe, uint8_t expected_code)
 {
     if (!path_exists(port)) {
-        log_warning("DIAG port (%s) doesn't exist", port.c_str());
+        log_warning("DIAG port (%s) doesn't exist", printable(port).c_str());
         return false;
     }
     (void)OpenSerialPort(port.c_str());
@@ -217,7 +217,7 @@ int32_t WaitForDiagPort(const std::string& path, int32_t seconds)
             return 1;
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
-    log_warning("Timeout: DIAG port (%s) doesn't exist", path.c_str());
+    log_warning("Timeout: DIAG port (%s) doesn't exist", printable(path).c_str());
     return 0;
 }
 
@@ -241,7 +241,7 @@ void wait_for_reset_modem(const std::string& port)
 {
     struct stat status {};
     if (!comes_back(port.c_str(), status))
-        log_warning("Modem's port %s has not come back", port.c_str());
+        log_warning("Modem's port %s has not come back", printable(port).c_str());
 }
 
 int32_t IsDLoadMode(const std::string& port)

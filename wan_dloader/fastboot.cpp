@@ -76,7 +76,7 @@ void flash_from_folder(const LinuxImage& image)
     const std::string path = path_of_image(image.file);
     log_debug("Flash %s", image.file);
     if (!path_exists(path)) {
-        log_warning("%s: %s", path.c_str(), error_text(errno).c_str());
+        log_warning("%s: %s", printable(path).c_str(), error_text(errno).c_str());
         return;
     }
     (void)run_shell("fastboot flash %s %s", image.partition, shell_quote_path(path).c_str());
@@ -118,7 +118,7 @@ int32_t Switch2FastbootMode(const std::string& port)
     } else {
         log_info("Entering fastboot mode: DIAG");
         if (!path_exists(port)) {
-            log_warning("Switch2FastbootMode: not found DIAG port (%s)", port.c_str());
+            log_warning("Switch2FastbootMode: not found DIAG port (%s)", printable(port).c_str());
             return 0;
         }
         (void)OpenSerialPort(port.c_str());

@@ -107,10 +107,10 @@ int32_t InitTarFile()
 {
     const std::string path = path_of_image(package_name);
     if (!path_exists(path)) {
-        log_warning("Not found: %s", path.c_str());
+        log_warning("Not found: %s", printable(path).c_str());
         return 0;
     }
-    log_info("Found firmware: %s", path.c_str());
+    log_info("Found firmware: %s", printable(path).c_str());
     s_in_tar_file_mode = 1;
     return tar_init(path);
 }
@@ -189,7 +189,7 @@ int32_t check_img(const std::string& name, int32_t count)
     if (s_in_tar_file_mode != 0) {
         const int32_t slot = tar_seek_file(name);
         if (slot < 0) {
-            log_warning("Not found file: %s", name.c_str());
+            log_warning("Not found file: %s", printable(name).c_str());
             return 1;
         }
         size = tar_get_file_size(slot);
@@ -197,7 +197,7 @@ int32_t check_img(const std::string& name, int32_t count)
         const std::string path = path_of_image(name);
         struct stat status {};
         if (stat(path.c_str(), &status) != 0) {
-            log_warning("%s: %s", path.c_str(), error_text(errno).c_str());
+            log_warning("%s: %s", printable(path).c_str(), error_text(errno).c_str());
             return 1;
         }
         size = status.st_size;
@@ -223,7 +223,7 @@ int32_t CheckImageFiles()
 {
     // The package lies there, too.
     if (!path_exists(ImagePath)) {
-        log_error("Can't open directory %s", ImagePath.c_str());
+        log_error("Can't open directory %s", printable(ImagePath).c_str());
         end_process(exit_no_folder);
     }
     log_debug("Checking Images files ... ");

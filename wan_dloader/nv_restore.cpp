@@ -40,6 +40,9 @@ constexpr uint32_t write_new = 0x41;          // write only, create
 constexpr uint32_t write_over = 0x201;        // write only, truncate
 constexpr uint32_t open_to_all = 0666;        // mode of a new file
 
+// Items, files and whole steps that the last restore could not carry out.
+uint32_t s_unrestored = 0;
+
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
 NvPacket DiagNvPkt{};    // the request in flight
@@ -165,6 +168,7 @@ Chunk find_chunk(const std::string& file_name, uint32_t tag, const char* block)
 // An ERROR, unless `number` is 0. What was it is in the log before.
 void report_failed(uint32_t number, const char* what)
 {
+    s_unrestored += number;
     if (number != 0)
         log_error("%u %s were not restored", static_cast<unsigned>(number), what);
 }
@@ -188,6 +192,7 @@ int32_t NvItemRestore(const std::string& file_name)
         // Item and data stand in a record as in the request.
         if (!records.read(std::span(packet).subspan(nv_packet::item_at, nv_item_record::size))) {
             log_error("NV backup file ends inside record %d", static_cast<int>(sent));
+            ++s_unrestored;
             break;
         }
         if (!send_nv_write(write_request(packet)))
@@ -237,8 +242,10 @@ int32_t NvItemFileRestore(const std::string& file_name)
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
         const auto record = read_file_record(records, i);
-        if (!record)
+        if (!record) {
+            ++s_unrestored;
             break;
+        }
         ++sequence;
         if (efs2_put_file(record->path, record->data, item_file_flags, sequence) < 0) {
             log_error("Failed to put nv file: %s", record->path.c_str());
@@ -261,8 +268,10 @@ int32_t EfsFileRestore(const std::string& file_name)
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
         // Read whole before the modem's file is touched: a damaged backup must not cut a good one.
         const auto record = read_file_record(records, i);
-        if (!record)
+        if (!record) {
+            ++s_unrestored;
             break;
+        }
         const int32_t descriptor = open_efs_file(record->path);
         if (descriptor < 0) {
             log_error("Failed to open EFS file: %s", record->path.c_str());
@@ -307,9 +316,10 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
         log_warning("%s is not complete, what can be read of it is restored", file_name.c_str());
     request_modem_mode(ModemMode::offline);
     // Each step is of use without the others, and says itself what went wrong.
-    (void)NvItemRestore(file_name);
-    (void)NvItemFileRestore(file_name);
-    (void)EfsFileRestore(file_name);
+    s_unrestored = 0;
+    for (const auto step : {NvItemRestore, NvItemFileRestore, EfsFileRestore})
+        if (step(file_name) != 0)
+            ++s_unrestored;
     request_modem_mode(ModemMode::reset); // starts on the restored data
     CloseSerialPort();
     return 0;
@@ -317,21 +327,35 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
 
 // ---- the backup ----
 
-// Gives the backup that is there a second name when a new one holds less: a modem that has lost its NV data gives a
-// complete backup, too, and this may be the last one that is worth something. One of which it holds less itself stays.
-// False with an ERROR when that fails.
+// Gives the backup that is there a second name, the first that is free: no copy is given up for another one. The name;
+// empty, with an ERROR, when there is none left.
+std::string keep_backup()
+{
+    constexpr int most = 9;
+    std::string name = kept_path;
+    for (int number = 1; link(backup_path, name.c_str()) != 0; ++number) {
+        if (errno != EEXIST || number > most) {
+            log_error("Failed to link %s to %s: %s", name.c_str(), backup_path, error_text(errno).c_str());
+            return {};
+        }
+        name = kept_path + std::to_string(number);
+    }
+    return name;
+}
+
+// Keeps the backup that is there when a new one holds less: a modem that has lost its NV data gives a complete backup,
+// too, and this may be the last one that is worth something. False with an ERROR when that fails.
 bool keep_richer_backup()
 {
     const NvFileContents fresh = nv_file_contents(fresh_path);
     const NvFileContents before = nv_file_contents(backup_path);
-    if (!fresh.holds_less_than(before) || before.holds_less_than(nv_file_contents(kept_path)))
+    if (!fresh.holds_less_than(before))
         return true;
-    if ((unlink(kept_path) != 0 && errno != ENOENT) || link(backup_path, kept_path) != 0) {
-        log_error("Failed to link %s to %s: %s", kept_path, backup_path, error_text(errno).c_str());
+    const std::string name = keep_backup();
+    if (name.empty())
         return false;
-    }
     log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
-                before.text().c_str(), kept_path);
+                before.text().c_str(), name.c_str());
     return true;
 }
 
@@ -459,6 +483,13 @@ int32_t BackupGoldenQCN(const std::string& port)
 
 int32_t RemoveNVBackup()
 {
+    // What the modem did not take may be nowhere else.
+    if (s_unrestored != 0) {
+        const std::string name = keep_backup();
+        if (name.empty())
+            return 1;
+        log_error("Not all NV data were restored: the backup is kept as %s", name.c_str());
+    }
     return run_shell("rm %s", backup_path);
 }
 

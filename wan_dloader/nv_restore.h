@@ -14,7 +14,7 @@
 // Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
 // are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
 // the new one is on the disk (/data/nvbackup.bin.new until then), and when the new one holds less, as
-// /data/nvbackup.bin.old.
+// /data/nvbackup.bin.old, or .old1 to .old9, the first name that is free.
 [[nodiscard]] int32_t BackupQCN(const std::string& port);
 
 // The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With
@@ -22,7 +22,8 @@
 // a first one that fails nothing stays. A renewal that was cut short is undone before anything else.
 [[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
 
-// Removes /data/nvbackup.bin. The shell's raw status.
+// Removes /data/nvbackup.bin. The shell's raw status. When the last restore left something out it is kept under another
+// name, as above (ERROR); 1 when that fails (ERROR), and nothing is removed.
 int32_t RemoveNVBackup();
 
 // Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or

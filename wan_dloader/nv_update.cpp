@@ -72,7 +72,7 @@ bool read_line(FILE* file, UpdateLine& line)
 void refuse(const UpdateLine& line)
 {
     log_error("UpdateNV: line with a zero byte or more than %zu characters refused: %s", longest_line,
-              line.text.c_str());
+              printable(line.text).c_str());
 }
 
 // Stores the bytes of one data line from buffer[count] on. False when there are more than find room.
@@ -104,7 +104,7 @@ bool enlarge(std::vector<uint8_t>& buffer, size_t size)
 int32_t delete_efs2_file(const std::string& path)
 {
     if (efs2_stat(path, nullptr) != 0) {
-        log_warning("%s not found", path.c_str());
+        log_warning("%s not found", printable(path).c_str());
         return 0;
     }
     return efs2_remove(path);
@@ -123,7 +123,7 @@ int32_t read_data(NvUpdate& update, std::span<uint8_t> destination)
 void take_path(NvUpdate& update, std::string_view header, std::string_view keyword)
 {
     if (get_field_str(header, keyword, update.path) < 0 && !update.path.empty())
-        log_warning("UpdateNV: no \",\" behind a path, taken as %s", update.path.c_str());
+        log_warning("UpdateNV: no \",\" behind a path, taken as %s", printable(update.path).c_str());
 }
 
 // Reads the data of a file record. False when there are none to write; a WARNING when they are not `size` bytes.
@@ -131,7 +131,7 @@ bool read_file_data(NvUpdate& update, int32_t size)
 {
     const int32_t count = read_data(update, update.buffer);
     if (count > 0 && count != size)
-        log_warning("UpdateNV: %d bytes of data for %d bytes of %s", count, size, update.path.c_str());
+        log_warning("UpdateNV: %d bytes of data for %d bytes of %s", count, size, printable(update.path).c_str());
     return count > 0;
 }
 
@@ -173,7 +173,7 @@ void update_nv_item_file(NvUpdate& update, std::string_view header)
 {
     take_path(update, header, "NV ITEM FILE");
     const int32_t size = get_field_int(header, "SIZE");
-    log_info("NV item file=%s, size=%d", update.path.c_str(), size);
+    log_info("NV item file=%s, size=%d", printable(update.path).c_str(), size);
     if (!is_complete(update, size))
         return;
     const auto length = static_cast<size_t>(size);
@@ -190,7 +190,7 @@ void update_efs_file(NvUpdate& update, std::string_view header)
 {
     take_path(update, header, "EFS FILE");
     const int32_t size = get_field_int(header, "SIZE");
-    log_info("EFS file=%s, size=%d", update.path.c_str(), size);
+    log_info("EFS file=%s, size=%d", printable(update.path).c_str(), size);
     if (!is_complete(update, size))
         return;
     const auto length = static_cast<size_t>(size);
@@ -206,7 +206,7 @@ void delete_file(std::string_view header)
 {
     constexpr std::string_view keyword = "DEL EFS FILE=";
     const std::string path(trim_tail(header.substr(keyword.size())));
-    log_info("Delete EFS/NV file: %s", path.c_str());
+    log_info("Delete EFS/NV file: %s", printable(path).c_str());
     if (path.empty())
         log_error("UpdateNV: no path");
     else
@@ -226,7 +226,7 @@ void update_record(NvUpdate& update, std::string_view text)
         return delete_file(text);
     case NvRecordType::other:
         if (!text.starts_with('\n') && !text.starts_with('\r'))
-            log_warning("Invalid type: %s", std::string(text).c_str());
+            log_warning("Invalid type: %s", printable(trim_tail(text)).c_str());
     }
 }
 
@@ -284,7 +284,7 @@ void read_efs_file(int32_t descriptor, const std::string& path, std::vector<uint
         held += static_cast<size_t>(std::max(length, 0));
     }
     if (held < data.size())
-        log_error("Failed to read %s: %zu of %zu bytes", path.c_str(), held, data.size());
+        log_error("Failed to read %s: %zu of %zu bytes", printable(path).c_str(), held, data.size());
     data.resize(held);
 }
 
@@ -296,14 +296,14 @@ void show_item_file(const std::string& path, std::vector<uint8_t>& data)
         return;
     PrintHex(data);
     if (data.size() != size)
-        log_warning("%s: only %zu of %zu bytes", path.c_str(), data.size(), size);
+        log_warning("%s: only %zu of %zu bytes", printable(path).c_str(), data.size(), size);
 }
 
 void show_efs_file(const std::string& path, std::vector<uint8_t>& data)
 {
     const int32_t descriptor = efs2_open_file(path, open_read_only, open_read_mode);
     if (descriptor < 0) {
-        log_warning("Failed to open %s, skip it!", path.c_str());
+        log_warning("Failed to open %s, skip it!", printable(path).c_str());
         return;
     }
     read_efs_file(descriptor, path, data);
@@ -315,7 +315,7 @@ int32_t show_nv_file(const std::string& path)
 {
     Efs2Stat status{};
     if (efs2_stat(path, &status) != 0) {
-        log_warning("%s not found", path.c_str());
+        log_warning("%s not found", printable(path).c_str());
         return 1;
     }
     (void)printf("file size=%d\n", static_cast<int>(status.size));
@@ -327,15 +327,15 @@ int32_t show_nv_file(const std::string& path)
 
     switch (status.mode & efs2_mode::type_bits) {
     case efs2_mode::item_file:
-        log_info("%s is an NV item file", path.c_str());
+        log_info("%s is an NV item file", printable(path).c_str());
         show_item_file(path, data);
         return 0;
     case efs2_mode::regular_file:
-        log_info("%s is an EFS2 file", path.c_str());
+        log_info("%s is an EFS2 file", printable(path).c_str());
         show_efs_file(path, data);
         return 0;
     default:
-        log_warning("%s is an unknown file type: 0x%x", path.c_str(), static_cast<unsigned>(status.mode));
+        log_warning("%s is an unknown file type: 0x%x", printable(path).c_str(), static_cast<unsigned>(status.mode));
         return 1;
     }
 }

@@ -176,6 +176,16 @@ int32_t SendEraseCallBack(std::span<const uint8_t> packet, uintptr_t /*user_data
     return 0;
 }
 
+// Requests of this run that were not answered as they should be. The sequence goes on without them.
+uint32_t s_unanswered = 0;
+
+// send_behind_flag for a request whose reply decides nothing.
+void send_unexamined(std::span<const uint8_t> request, uint8_t expected_code)
+{
+    if (send_behind_flag(request, expected_code) != exchange_accepted)
+        ++s_unanswered;
+}
+
 // The selected chip; null when none is.
 const ModemModel* selected_model()
 {
@@ -257,6 +267,9 @@ int32_t write_images()
         SendBootLoader(image.file);
         SendClosePacket();
     }
+    if (s_unanswered != 0)
+        log_error("%u requests were not answered as expected: the modem's flash may not be whole, repeat with -f",
+                  static_cast<unsigned>(s_unanswered));
     SendReset();
     return 0;
 }
@@ -272,28 +285,28 @@ int32_t SendHelloPacket()
     put_u8(request, version_at, version);
     put_u8(request, compatible_version_at, compatible_version);
     put_u8(request, features_at, features);
-    (void)send_behind_flag(request, reply_code);
+    send_unexamined(request, reply_code);
     return 0;
 }
 
 int32_t SendSecurityModePacket(uint8_t mode)
 {
     log_debug(">>>>>>>>>>>>Send Security Mode %d to Flash Programmer", mode);
-    (void)send_behind_flag(std::array{security::code, mode}, security::reply_code);
+    send_unexamined(std::array{security::code, mode}, security::reply_code);
     return 0;
 }
 
 int32_t SendMultiOpenPacket(uint8_t type)
 {
     log_debug(">>>>>>>>>>>>Send Multi Open Mode %d to Flash Programmer", type);
-    (void)send_behind_flag(std::array{open_image::code, type}, open_image::reply_code);
+    send_unexamined(std::array{open_image::code, type}, open_image::reply_code);
     return 0;
 }
 
 int32_t SendClosePacket()
 {
     log_debug(">>>>>>>>>>>>Send Close to Flash Programmer");
-    (void)send_behind_flag(std::array{close_image::code}, close_image::reply_code);
+    send_unexamined(std::array{close_image::code}, close_image::reply_code);
     return 0;
 }
 
@@ -351,7 +364,7 @@ int32_t SendBootLoader(const std::string& file)
         if (length == 0)
             break;
         put_le32(request, offset_at, offset);
-        (void)send_behind_flag(std::span(request).first(data_at + length), reply_code);
+        send_unexamined(std::span(request).first(data_at + length), reply_code);
         offset += static_cast<uint32_t>(length);
         show_progress();
     }

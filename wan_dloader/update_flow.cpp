@@ -10,6 +10,7 @@
 #include "wan_dloader/fastboot.h"
 #include "wan_dloader/image_catalogue.h"
 #include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 #include "wan_dloader/streaming_download.h"
@@ -307,6 +308,8 @@ int32_t run_stages()
 int32_t run_update()
 {
     const auto start = std::chrono::steady_clock::now();
+    if (!lock_nv_data())
+        return status_failed; // two runs would write half of the flash each
     if (s_run_in_recovery_mode != 0) {
         if (const int32_t result = power_up(); result != 0)
             return result;

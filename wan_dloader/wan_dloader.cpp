@@ -120,18 +120,18 @@ constexpr NvOperation nv_operations[] = {
      }},
     {'U',
      [](const char* path) {
-         log_info("Update NV from %s", path);
+         log_info("Update NV from %s", printable(path).c_str());
          CheckModemSku(s_modem_sku);
          (void)UpdateNV(path, s_diag_port);
      }},
     {'F',
      [](const char* path) {
-         log_info("Read NV File: %s", path);
+         log_info("Read NV File: %s", printable(path).c_str());
          (void)ReadNVF(path, s_diag_port);
      }},
     {'D',
      [](const char* path) {
-         log_info("Delete EFS2 File: %s", path);
+         log_info("Delete EFS2 File: %s", printable(path).c_str());
          (void)DeleteEFS2F(path, s_diag_port);
      }},
 };
@@ -175,7 +175,7 @@ void usage(const char* name)
     std::this_thread::sleep_for(std::chrono::seconds(5)); // what the daemon had asked for may still be on its way
     const auto* operation = std::ranges::find(nv_operations, *text, &NvOperation::letter);
     if (operation == std::end(nv_operations))
-        log_error("Invalid option type: %s.", text);
+        log_error("Invalid option type: %s.", printable(text).c_str());
     else
         operation->run(text + 1);
     StartRilDaemon();
@@ -191,7 +191,7 @@ void usage(const char* name)
             return true;
         }
     }
-    log_error("Invalid mbn type: %s.", text);
+    log_error("Invalid mbn type: %s.", printable(text).c_str());
     return false;
 }
 
