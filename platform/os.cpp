@@ -12,6 +12,9 @@
 extern "C" void __gcov_dump(void); // NOLINT(bugprone-reserved-identifier,cert-dcl37-c): the compiler's name
 #endif
 
+// Packages and memory dumps are larger than 2 GiB; every build says so, also where files count 32 bits by default.
+static_assert(sizeof(off_t) == 8);
+
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
 {
     if (this != &other) {

@@ -72,6 +72,9 @@ constexpr Switch switches[] = {
 
 constexpr const char* not_installed = "bubblewrap is not installed: install the package bubblewrap (program bwrap)";
 
+// Below /usr, which the sandbox shows.
+constexpr const char* arm_emulator = "/usr/bin/qemu-arm-static";
+
 void link_to(const fs::path& target, const fs::path& link)
 {
     fs::remove(link);
@@ -86,6 +89,35 @@ void provide(const fs::path& file, std::string_view text, bool said = false)
         fs::remove(file);
     if (said || kind == fs::file_type::not_found)
         write_file(file, bytes_of(text));
+}
+
+// Whether a program is one of the tablet's own processor: 32 bits, little-endian, ARM.
+bool is_for_arm(const fs::path& program)
+{
+    constexpr std::string_view start = "\177ELF\1\1";
+    constexpr std::string_view machine("(\0", 2);
+    constexpr size_t machine_at = 18;
+    std::string header(machine_at + machine.size(), '\0');
+    std::ifstream(program, std::ios::binary).read(header.data(), std::ssize(header));
+    return header.starts_with(start) && header.ends_with(machine);
+}
+
+// A program that this machine cannot run by itself stands beside the script that emulates it.
+void show_tessel(const fs::path& program, const fs::path& folder)
+{
+    if (!is_for_arm(program)) {
+        link_to(program, folder / "tessel");
+        return;
+    }
+    if (!fs::exists(arm_emulator))
+        throw std::runtime_error(program.string() + " is for ARM: install the package qemu-user-static");
+    link_to(program, folder / "tessel.arm");
+    fs::remove(folder / "tessel");
+    const std::string script =
+        "#!/bin/sh\nexec " + std::string(arm_emulator) + " -0 \"${0##*/}\" /system/bin/tessel.arm \"$@\"\n";
+    write_file(folder / "tessel", bytes_of(script));
+    fs::permissions(folder / "tessel", fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec,
+                    fs::perm_options::add);
 }
 
 void make_modules(const fs::path& root, const TabletSettings& settings)
@@ -211,7 +243,7 @@ void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi
         if (const fs::path tool = root / "system/bin" / name; fs::is_symlink(tool) || !fs::exists(tool))
             link_to(fs::canonical("/proc/self/exe"), tool);
     if (settings.tessel)
-        link_to(fs::canonical(*settings.tessel), root / "system/bin/tessel");
+        show_tessel(fs::canonical(*settings.tessel), root / "system/bin");
 }
 
 void enter_tablet(const fs::path& root, const Words& command)

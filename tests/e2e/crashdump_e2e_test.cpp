@@ -172,6 +172,8 @@ const Dump dumps[] = {
     {"TableLengthAbsurd", framed + " --fault oversize@3", 1, long_table, 0},
     {"TableEndsWithinAnEntry", framed + " --region-table 110005014000000000001F7C41004200", 1, long_table, 0},
     {"TableWithoutZeros", framed + " --region-table 11000D014000000000001F7C41424344", 1, long_table, 0},
+    {"LargerThanANumberWithASign", framed + " --region-table 1100110140000000C00000004100412E42494E00 --fault unplug@5:100",
+     34, {unplugged, silence}, 2000},
     {"EntryBehindTheReply", framed + " --region-table 11001C014000000000001F7C4100412E42494E00", 1,
      {"E Refused the file name of a memory region: "}, all},
 };

@@ -93,6 +93,13 @@ int wait_for_exit(pid_t pid, std::chrono::seconds limit, const std::string& name
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The tessel of this build, or one of another: of the tablet's processor, say.
+std::string tessel_under_test()
+{
+    const char* other = getenv("TESSEL_UNDER_TEST"); // NOLINT(concurrency-mt-unsafe): one thread
+    return other != nullptr ? other : TESSEL_BINARY;
+}
+
 void expect_no_sanitizer_report(const std::string& text)
 {
     EXPECT_THAT(text, ::testing::Not(::testing::ContainsRegex("Sanitizer|runtime error:")));
@@ -141,7 +148,7 @@ void OnPoweredTablet::SetUp()
 
 void OnTablet::modem(const std::string& words, const Texts& more)
 {
-    Texts command = {VIRTUAL_TABLET_BINARY, "serve", "--root", root(), "--tessel", TESSEL_BINARY, "--modem"};
+    Texts command = {VIRTUAL_TABLET_BINARY, "serve", "--root", root(), "--tessel", tessel_under_test(), "--modem"};
     std::istringstream stream(words);
     std::copy(std::istream_iterator<std::string>(stream), {}, std::back_inserter(command));
     command.insert(command.end(), more.begin(), more.end());

@@ -73,6 +73,27 @@ TEST(Os, FilesOfTheSystemAreNoPipesOrDevices)
     fs::remove_all(folder);
 }
 
+// A dump of a region of 3 GiB, where a position has 32 bits unless told otherwise.
+TEST(Os, FilesGrowBeyondTwoGibibytes)
+{
+    std::string folder = fs::temp_directory_path() / "os_test-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string path = folder + "/dump";
+    constexpr int64_t hole = int64_t{3} << 30;
+    UniqueFile file = open_file(path, "w+");
+    ASSERT_EQ(fseeko(file.get(), hole, SEEK_SET), 0);
+    EXPECT_EQ(fwrite("end", 1, 3, file.get()), 3U);
+    EXPECT_EQ(ftello(file.get()), hole + 3);
+    EXPECT_EQ(fclose(file.release()), 0);
+    EXPECT_TRUE(path_exists(path));
+    file = open_regular_file(path);
+    ASSERT_NE(file, nullptr);
+    std::string line;
+    EXPECT_TRUE(fseeko(file.get(), hole, SEEK_SET) == 0 && read_line(file.get(), line, 4));
+    EXPECT_EQ(line, "end");
+    fs::remove_all(folder);
+}
+
 TEST(Os, LinesAreReadWholeOrUpToTheLimit)
 {
     using namespace std::string_literals;

@@ -138,7 +138,7 @@ TEST_F(Tar, MembersAreReadToTheirEndAndNotBeyond)
             std::vector<char> line(room + 1);
             bytes.resize(room);
             for (int32_t slot = tar_fopen("m"); slot == 1 && tar_feof() == 0;)
-                in_bytes.append(bytes.begin(), bytes.begin() + tar_fread(bytes));
+                in_bytes.append(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(tar_fread(bytes)));
             for (int32_t slot = tar_fopen("m"); slot == 1 && tar_fgets(line) != nullptr;)
                 in_lines += line.data();
             EXPECT_TRUE(in_bytes == text_of(size) && in_lines == in_bytes) << size << ' ' << room;
@@ -149,12 +149,19 @@ TEST_F(Tar, MembersAreReadToTheirEndAndNotBeyond)
         EXPECT_EQ(tar_fclose(), 0);
         EXPECT_EQ(tar_fread(bytes), -1);
     }
-    constexpr uintmax_t large = 5ULL << 30;
+    constexpr uint32_t gibibyte = 1U << 30;
+    constexpr uint64_t large = uint64_t{5} * gibibyte;
     (void)init(member("large", "", '0', "50000000000"));
     fs::resize_file(folder + "/tar", 512 + large);
     std::ofstream(folder + "/tar", std::ios::binary | std::ios::app) << member("m", "data") + end;
     ASSERT_EQ(tar_init(folder + "/tar"), 0);
+    EXPECT_EQ(tar_get_file_size(0), static_cast<int64_t>(large));
+    EXPECT_EQ(tar_get_file_offset(1), static_cast<int64_t>(large) + 1024);
     EXPECT_EQ(extracted("m"), "data");
+    bytes.resize(10);
+    ASSERT_EQ(tar_fopen("m"), 1);
+    EXPECT_EQ(tar_fread(bytes), 4);
+    EXPECT_EQ(tar_feof(), 1);
 }
 
 TEST_F(Tar, NothingPartialIsHandedOut)
