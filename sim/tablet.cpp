@@ -222,7 +222,7 @@ void make_tablet(const fs::path& root, const TabletSettings& settings, bool wifi
         write_file(root / std::string_view(device).substr(1), {});
     link_to("/.proc/self", root / "proc/self");
     // Programs also look themselves up by number, the leak checker of a sanitized build among them.
-    constexpr int numbers = 400;
+    constexpr int numbers = 100;
     for (int pid = 1; pid < numbers; ++pid) {
         const std::string name = std::to_string(pid);
         if (symlink(("/.proc/" + name).c_str(), (root / "proc" / name).c_str()) != 0 && errno != EEXIST)

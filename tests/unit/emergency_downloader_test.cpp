@@ -75,7 +75,7 @@ TEST(IntelHex, ARecordThatIsDamagedGivesNothing)
         data_record(":FF000000", 510),
         ":02000000-1-1FF",
         ":02000000 5 5FF",
-        std::string(":020000005\0000", 14),
+        std::string(":020000005\0000", 12),
         ":0200000400",
         ":0200000400G0FA",
         ":040000052A0000",
