@@ -33,7 +33,8 @@ void parse(const std::string& text)
     for (const uint8_t byte : std::span(request).first(count))
         written += std::to_string(byte) + ", ";
     std::array<uint8_t, typed_request_size> again{};
-    require(diag_parse2(again, written) == count && again == request, "what was read can be written and read");
+    require(diag_parse2(again, written) == count, "what was read can be written");
+    require(std::ranges::equal(std::span(again).first(count), std::span(request).first(count)), "and read again");
 }
 
 void ask(const std::string& text, size_t room)

@@ -52,9 +52,14 @@ void walk(const Bytes& bytes)
     const Restored restored = restore();
     if (!contents.whole)
         return;
-    require(restored.items == contents.items && restored.efs_files == contents.efs_files, "a whole backup is restored");
-    // One that fits no request is refused before it is sent.
-    require(restored.item_files <= contents.item_files, "every file is sent once");
+    // A file that fits no request is refused before it is sent.
+    constexpr size_t longest_request = 2048;
+    require(restored.items == contents.items, "all items of a whole backup are restored");
+    require(restored.item_files <= contents.item_files && restored.efs_files <= contents.efs_files,
+            "every file is sent once");
+    require(bytes.size() > longest_request ||
+                (restored.item_files == contents.item_files && restored.efs_files == contents.efs_files),
+            "all files of a whole backup are restored");
     require(bytes.size() >= nv_file_header::size + 3 * nv_chunk_header::size, "a whole backup has its headers");
 }
 
