@@ -49,7 +49,7 @@ void stat_file(const std::string& path, bool to_see)
 
 void operate(Input& input)
 {
-    switch (input.u8() % 12) {
+    switch (input.u8() % 13) {
     case 0:
         return (void)efs2_init();
     case 1:
@@ -75,8 +75,10 @@ void operate(Input& input)
         const std::string path = input.text();
         return (void)efs2_put_file(path, input.piece(), input.u32(), sequence);
     }
-    default:
+    case 11:
         return stat_file(input.text(), false);
+    default:
+        return (void)efs2_close_dir(1);
     }
 }
 

@@ -1,4 +1,5 @@
-// Backup files as they may be found, walked through and restored; and backups of a modem that replies as it likes.
+// Backup files as they may be found, walked through and restored; and a modem that replies as it likes while it is
+// backed up, or a file of it is shown.
 #include "wan_dloader/nv_backup.h"
 
 #include "diag/exchange.h"
@@ -6,6 +7,7 @@
 #include "tests/fuzz/modem.h"
 #include "wan_dloader/nv_file.h"
 #include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 
 #include <utility>
@@ -90,12 +92,26 @@ void back_up(Input& input)
     walk(backup);
 }
 
+// A single file of the modem, shown and deleted.
+void show(Input& input)
+{
+    const std::string path = input.text();
+    connect(prv_handle_packet, faulty_modem(input));
+    require(ReadNVF(path, "/dev/null") <= 1, "a file is shown or not");
+    (void)DeleteEFS2F(path, "/dev/null");
+}
+
 } // namespace
 
 void fuzz_one(Input& input)
 {
-    if (input.u8() % 8 != 0)
-        walk(input.rest());
-    else
-        back_up(input);
+    constexpr uint8_t backing_up = 0, showing = 1;
+    switch (input.u8() % 8) {
+    case backing_up:
+        return back_up(input);
+    case showing:
+        return show(input);
+    default:
+        return walk(input.rest());
+    }
 }
