@@ -77,7 +77,7 @@ void fuzz_one(Input& input)
 
     Modem modem = modem_of(input);
     connect(is_crashdump ? rcv_handle_packet : prv_handle_packet, [&](std::span<const uint8_t> request) {
-        const auto said = modem(request);
+        auto said = modem(request);
         s_last = said.value_or(Bytes{});
         return said;
     });

@@ -16,6 +16,8 @@ public:
     {
         require(chdir("/proc/self/fd") == 0, "the open files are a directory");
     }
+    AmongOpenFiles(AmongOpenFiles&&) = delete;
+    AmongOpenFiles& operator=(AmongOpenFiles&&) = delete;
     AmongOpenFiles(const AmongOpenFiles&) = delete;
     AmongOpenFiles& operator=(const AmongOpenFiles&) = delete;
     ~AmongOpenFiles() { require(fchdir(before_.get()) == 0, "the directory from before is there"); }
@@ -87,7 +89,7 @@ void fuzz_one(Input& input)
     size_t said = 0;
     Modem modem = modem_of(input);
     connect(rcv_handle_packet, [&](std::span<const uint8_t> request) {
-        const auto packet = modem(request);
+        auto packet = modem(request);
         said += packet ? packet->size() : 0;
         return packet;
     });
