@@ -23,6 +23,18 @@ void resolve(const std::string& text)
         escaped += c == '\\' ? std::string(2, c) : std::string(1, c);
     parse_atcmd_string(escaped);
     require(escaped == text, "every text can be given");
+    // By its digits, and what is behind two of them is copied unseen.
+    constexpr const char* digits = "0123456789aBcDeF";
+    escaped.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<uint8_t>(text[i]);
+        if (i % 2 == 0)
+            escaped += {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]};
+        else
+            escaped += text[i];
+    }
+    parse_atcmd_string(escaped);
+    require(escaped == text, "every byte can be given");
 }
 
 void judge(const std::string& answer)
@@ -30,7 +42,7 @@ void judge(const std::string& answer)
     std::string text = answer.substr(0, answer.find('\0'));
     const bool ok = text.find("OK") != std::string::npos;
     atcmd_parse_output(text.data());
-    const std::string parsed = text.c_str();
+    const std::string parsed = text.substr(0, text.find('\0'));
     require(parsed.size() <= text.size() && parsed.find('\r') == std::string::npos, "line ends become shorter");
     require(parsed.find("\n\n") == std::string::npos && !parsed.starts_with('\n'), "a run of line ends is one");
     text = parsed;

@@ -41,30 +41,6 @@ Restored restore()
     return restored;
 }
 
-void walk(const Bytes& bytes)
-{
-    add_file(backup_path, bytes);
-    const NvFileContents contents = nv_file_contents(backup_path);
-    NVItemBackupVerify(backup_path);
-    require(contents.filled_items <= contents.items, "a filled item is an item");
-    require(contents.items * nv_item_record::size + contents.item_file_bytes + contents.efs_file_bytes <= bytes.size(),
-            "a file holds no more than its bytes");
-    require(!contents.holds_less_than(contents), "a file holds as much as itself");
-
-    const Restored restored = restore();
-    if (!contents.whole)
-        return;
-    // A file that fits no request is refused before it is sent.
-    constexpr size_t longest_request = 2048;
-    require(restored.items == contents.items, "all items of a whole backup are restored");
-    require(restored.item_files <= contents.item_files && restored.efs_files <= contents.efs_files,
-            "every file is sent once");
-    require(bytes.size() > longest_request ||
-                (restored.item_files == contents.item_files && restored.efs_files == contents.efs_files),
-            "all files of a whole backup are restored");
-    require(bytes.size() >= nv_file_header::size + 3 * nv_chunk_header::size, "a whole backup has its headers");
-}
-
 // Whether the file ends where its three chunks do.
 void check_form(const Bytes& backup)
 {
@@ -78,6 +54,30 @@ void check_form(const Bytes& backup)
         require(at <= backup.size(), "a chunk is in the file");
     }
     require(at == backup.size(), "a backup ends with its last chunk");
+}
+
+void walk(const Bytes& bytes)
+{
+    add_file(backup_path, bytes);
+    const NvFileContents contents = nv_file_contents(backup_path);
+    NVItemBackupVerify(backup_path);
+    require(contents.filled_items <= contents.items, "a filled item is an item");
+    require(contents.items * nv_item_record::size + contents.item_file_bytes + contents.efs_file_bytes <= bytes.size(),
+            "a file holds no more than its bytes");
+    require(!contents.holds_less_than(contents), "a file holds as much as itself");
+
+    const Restored restored = restore();
+    if (!contents.whole)
+        return;
+    check_form(bytes);
+    // A file that fits no request is refused before it is sent.
+    constexpr size_t longest_request = 2048;
+    require(restored.items == contents.items, "all items of a whole backup are restored");
+    require(restored.item_files <= contents.item_files && restored.efs_files <= contents.efs_files,
+            "every file is sent once");
+    require(bytes.size() > longest_request ||
+                (restored.item_files == contents.item_files && restored.efs_files == contents.efs_files),
+            "all files of a whole backup are restored");
 }
 
 void back_up(Input& input)
