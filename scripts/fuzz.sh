@@ -14,13 +14,14 @@ fuzz_targets() {
 }
 
 # run_fuzz_target NAME CORPUS OPTION...: feeds a target with the seeds, what was found once, and what the options of the
-# fuzzer ask for. What it says goes to the log NAME.log; what it finds goes to the findings.
+# fuzzer ask for. What it says goes to the log NAME.log; what it finds goes to the findings. For a process of its own,
+# which becomes the target: whoever kills it leaves none behind.
 run_fuzz_target() {
     local name=$1 corpus=$2
     shift 2
     local findings=$fuzz_tests/findings/$name
     mkdir -p "$corpus" "$findings"
-    "$fuzz_build/tests/fuzz/fuzz_$name" -close_fd_mask=3 -print_final_stats=1 -timeout=20 \
+    exec "$fuzz_build/tests/fuzz/fuzz_$name" -close_fd_mask=3 -print_final_stats=1 -timeout=20 \
         -artifact_prefix="$findings/" "$@" "$corpus" "$fuzz_tests/seeds/$name" "$findings" >"$fuzz_build/$name.log" 2>&1
 }
 
