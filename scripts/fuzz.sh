@@ -46,7 +46,7 @@ run_fuzz_targets() {
     done
     for name in "${failed[@]}"; do
         echo "fuzz_$name failed:"
-        grep -v '^#\|^INFO\|^stat::' "$fuzz_build/$name.log" | tail -n 40
+        grep -av '^#\|^INFO\|^stat::' "$fuzz_build/$name.log" | tail -n 40
         status=1
     done
     return $status
