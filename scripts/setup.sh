@@ -6,6 +6,8 @@ build_packages=(g++ cmake ninja-build libgtest-dev libgmock-dev bubblewrap pkg-c
 check_packages=("${build_packages[@]}" git clang-format clang-tidy mandoc shellcheck)
 # shellcheck disable=SC2034 # for check_arm.sh
 arm_packages=("${build_packages[@]}" g++-arm-linux-gnueabihf googletest qemu-user-static)
+# shellcheck disable=SC2034 # for ./fuzz
+fuzz_packages=(clang)
 
 # Makes sure that the given Debian packages are there: installs what is missing when run as root on Debian, otherwise
 # says what to install and ends.

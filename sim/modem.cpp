@@ -9,7 +9,7 @@ namespace {
 using std::chrono::milliseconds;
 
 // A resetting modem keeps the bus for a moment after its last words, so that a host hears them.
-constexpr milliseconds last_words{300};
+constexpr milliseconds last_words{500};
 constexpr milliseconds never{-1};
 constexpr const char* gone = "state gone";
 
