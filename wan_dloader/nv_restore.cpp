@@ -484,7 +484,7 @@ int32_t BackupGoldenQCN(const std::string& port)
 int32_t RemoveNVBackup()
 {
     // What the modem did not take may be nowhere else.
-    if (s_unrestored != 0) {
+    if (s_unrestored != 0 && path_exists(backup_path)) {
         const std::string name = keep_backup();
         if (name.empty())
             return 1;
