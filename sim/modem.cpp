@@ -2,6 +2,8 @@
 
 #include "efs2.h"
 
+#include <iostream>
+
 namespace sim {
 
 namespace {
@@ -44,6 +46,15 @@ std::string_view fault_mode(Mode mode)
 std::string state(Mode mode)
 {
     return std::string("state ") + mode_names[static_cast<size_t>(mode)];
+}
+
+// A host that waits for seconds would take a modem for silent whose machine was busy with something else.
+void tell_of_delay(Time since, Time now)
+{
+    constexpr auto bearable = std::chrono::seconds(1);
+    if (now - since > bearable)
+        std::cerr << "virtual_tablet: this machine is too busy: the modem was "
+                  << std::chrono::duration_cast<milliseconds>(now - since).count() << " ms late\n";
 }
 
 } // namespace
@@ -92,7 +103,13 @@ void Modem::enter(Mode mode)
 void Modem::come_up()
 {
     if (powered_ && linked_ && next_ != Mode::absent)
-        arrival_ = Clock::now() + settings_.power_up;
+        await_arrival(settings_.power_up);
+}
+
+// A host tells a new node from the one before by the second in which it was made.
+void Modem::await_arrival(milliseconds away)
+{
+    arrival_ = std::max(Clock::now() + away, plugged_until_);
 }
 
 void Modem::vanish(Mode next)
@@ -169,6 +186,9 @@ void Modem::follow_modules()
 void Modem::plug_in(const std::string& node)
 {
     lines_.push_back({Port(nodes_ / node), {}, {}});
+    constexpr milliseconds second{1000}, clock_tick{10};
+    const auto wall_clock = std::chrono::system_clock::now().time_since_epoch();
+    plugged_until_ = Clock::now() + second + clock_tick - std::chrono::duration_cast<milliseconds>(wall_clock) % second;
     if (node != packet_port)
         lines_.back().at.emplace(node, flash_.version_of(flash_.chip().firmware).value_or(settings_.revision), faults_,
                                  journal_);
@@ -199,6 +219,7 @@ void Modem::step(std::span<pollfd> others)
 {
     std::vector<pollfd> watched(others.begin(), others.end());
     const Time now = Clock::now();
+    tell_of_delay(awake_, now);
     for (const Line& line : lines_) {
         const auto due = line.port.due();
         watched.push_back({line.port.fd(), static_cast<short>(due && *due <= now ? POLLIN | POLLOUT : POLLIN), 0});
@@ -213,6 +234,8 @@ void Modem::step(std::span<pollfd> others)
     }
     if (ppoll(watched.data(), watched.size(), event ? &wait : nullptr, nullptr) < 0 && errno != EINTR)
         must(-1, "ppoll");
+    awake_ = Clock::now();
+    tell_of_delay(event.value_or(awake_), awake_);
     std::copy_n(watched.begin(), others.size(), others.begin());
 
     for (Line& line : lines_)
@@ -249,7 +272,7 @@ void Modem::pass_time()
         vanish(next);
         journal_.note(gone);
         if (away != never)
-            arrival_ = now + away;
+            await_arrival(away);
     }
     if (arrival_ && *arrival_ <= now) {
         arrival_.reset();

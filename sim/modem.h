@@ -85,6 +85,7 @@ private:
     void carry_out(Then then);
     void pass_time();
     [[nodiscard]] std::optional<Time> next_event(Time now);
+    void await_arrival(std::chrono::milliseconds away);
 
     fs::path nodes_;
     fs::path home_;
@@ -106,6 +107,8 @@ private:
     std::optional<Departure> departure_; // decided on, once the last reply was read
     Mode next_ = Mode::absent;           // what it is when it can be seen again
     std::optional<Time> arrival_;        // when `next_` begins
+    Time plugged_until_;                 // the end of the clock's second in which a node was plugged in
+    Time awake_ = Clock::now();          // since when it works at what it has heard
 };
 
 } // namespace sim

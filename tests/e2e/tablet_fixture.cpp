@@ -8,9 +8,11 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <poll.h>
 #include <spawn.h>
 #include <sstream>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
@@ -27,8 +29,9 @@ constexpr auto modem_deadline = 30s;    // to boot, to end, and to show an await
 
 std::string slurp(const fs::path& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 Texts lines_of(const std::string& text)
@@ -76,28 +79,42 @@ bool wait_until(std::chrono::seconds limit, Condition condition)
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(5ms);
+        std::this_thread::sleep_for(10ms); // many cases wait side by side
     }
     return true;
 }
 
 // The exit status of a child, or -1. One that misses the deadline is killed and fails the case.
-int wait_for_exit(pid_t pid, std::chrono::seconds limit, const std::string& name)
+int wait_for_exit(pid_t pid, std::chrono::milliseconds limit, const std::string& name)
 {
-    int status = -1;
-    if (!wait_until(limit, [&] { return waitpid(pid, &status, WNOHANG) != 0; })) {
-        ADD_FAILURE() << "after " << limit.count() << " s still runs: " << name;
+    pollfd child{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    const int ended = poll(&child, 1, static_cast<int>(limit.count()));
+    if (child.fd >= 0)
+        (void)close(child.fd);
+    if (ended != 1) {
+        ADD_FAILURE() << "after " << limit.count() << " ms still runs: " << name;
         (void)kill(pid, SIGKILL);
-        (void)waitpid(pid, &status, 0);
     }
+    int status = -1;
+    (void)waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The tessel of this build, or one of another: of the tablet's processor, say.
+const char* setting(const char* name, const char* otherwise)
+{
+    const char* value = getenv(name); // NOLINT(concurrency-mt-unsafe): one thread
+    return value != nullptr ? value : otherwise;
+}
+
+// Those of this build, or those of another: with a sanitizer, or of the tablet's processor.
 std::string tessel_under_test()
 {
-    const char* other = getenv("TESSEL_UNDER_TEST"); // NOLINT(concurrency-mt-unsafe): one thread
-    return other != nullptr ? other : TESSEL_BINARY;
+    return setting("TESSEL_UNDER_TEST", TESSEL_BINARY);
+}
+
+std::string virtual_tablet()
+{
+    return setting("TABLET_UNDER_TEST", VIRTUAL_TABLET_BINARY);
 }
 
 void expect_no_sanitizer_report(const std::string& text)
@@ -124,8 +141,11 @@ void OnTablet::SetUp()
     ASSERT_NE(mkdtemp(name.data()), nullptr);
     folder_ = name;
 
+    // A sandbox costs more than many a case: who runs them all looks once, and says so.
+    if (setting("TABLET_CHECKED", nullptr) != nullptr)
+        return;
     const fs::path err = new_file();
-    const int status = wait_for_exit(spawn({VIRTUAL_TABLET_BINARY, "check"}, new_file(), err), modem_deadline, "check");
+    const int status = wait_for_exit(spawn({virtual_tablet(), "check"}, new_file(), err), modem_deadline, "check");
     obstacle_ = slurp(err);
     if (status != 0)
         skip(obstacle_);
@@ -133,8 +153,7 @@ void OnTablet::SetUp()
 
 void OnTablet::skip(const std::string& obstacle)
 {
-    const char* ci = getenv("CI"); // NOLINT(concurrency-mt-unsafe): one thread
-    if (ci != nullptr && ci == std::string("true"))
+    if (setting("CI", "") == std::string("true"))
         FAIL() << obstacle;
     GTEST_SKIP() << obstacle;
 }
@@ -148,7 +167,7 @@ void OnPoweredTablet::SetUp()
 
 void OnTablet::modem(const std::string& words, const Texts& more)
 {
-    Texts command = {VIRTUAL_TABLET_BINARY, "serve", "--root", root(), "--tessel", tessel_under_test(), "--modem"};
+    Texts command = {virtual_tablet(), "serve", "--root", root(), "--tessel", tessel_under_test(), "--modem"};
     std::istringstream stream(words);
     std::copy(std::istream_iterator<std::string>(stream), {}, std::back_inserter(command));
     command.insert(command.end(), more.begin(), more.end());
@@ -185,7 +204,7 @@ void OnTablet::remove_modem()
 OnTablet::Job OnTablet::start(const std::string& command)
 {
     Job job{-1, command, new_file(), new_file()};
-    job.pid = spawn({VIRTUAL_TABLET_BINARY, "run", "--root", root(), "--", "sh", "-c", command}, job.out, job.err);
+    job.pid = spawn({virtual_tablet(), "run", "--root", root(), "--", "sh", "-c", command}, job.out, job.err);
     running_.insert(job.pid);
     return job;
 }
@@ -294,7 +313,9 @@ void OnTablet::TearDown()
         EXPECT_TRUE(*result.errors_seen || result.error_texts.empty()) << "errors not looked at:\n" << result.err;
     EXPECT_TRUE(complaints_seen_ || complaints().empty()) << "the modem found fault with what it was sent";
     if (HasFailure())
-        std::cerr << "The modem's journal:\n" << slurp(root() + "/modem/journal.txt");
+        std::cerr << "The modem's journal:\n"
+                  << slurp(root() + "/modem/journal.txt") << "What it said:\n"
+                  << slurp(modem_err_);
 
     remove_modem();
     EXPECT_TRUE(wait_until(1s, [] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process was left behind";
