@@ -1,10 +1,12 @@
 // Speed of the transport beside its limit, over a pseudo-terminal whose other end is the same peer for both: what an
 // exchange, a memory dump, an NV backup and the writing of an image take, and what a bare loop takes that writes the
-// same requests and waits for the same replies, in one thread, with blocking calls and a look at nothing.
+// same requests and waits for the same replies, in one thread, with blocking calls and a look at nothing. A second row
+// has the product beside a bare loop of two threads, as the engine has them: one sends and waits, the other waits for
+// the port, reads, and wakes the first when the reply is whole.
 //
-// Product and bare loop take turns, round by round, over one script. Prints one row a measurement, cells separated by
+// Product and bare loops take turns, round by round, over one script. Prints two rows a measurement, cells separated by
 // tabs: what, product, bare, ratio, the quartiles of the ratio, aim. Each is the median of the rounds, the ratio too:
-// on a machine whose speed changes under way, only the two halves of a round compare.
+// on a machine whose speed changes under way, only the parts of a round compare.
 //
 // Exit status: 0 done, 1 a measurement failed.
 #include "crashdump/dload_dump.h"
@@ -23,13 +25,20 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
+#include <iterator>
+#include <mutex>
 #include <random>
 #include <span>
 #include <stdexcept>
+#include <sys/select.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -370,6 +379,61 @@ double bare_round(const Measurement& measurement, const std::string& device)
     });
 }
 
+// Reads the replies of `script`, waiting in select as the engine does, and tells of each.
+class BareReader {
+public:
+    BareReader(int fd, const std::vector<Turn>& script)
+        : thread_(&BareReader::read_replies, this, fd, std::cref(script))
+    {
+    }
+
+    // Returns when `count` replies in all are there.
+    void wait_for(size_t count)
+    {
+        std::unique_lock lock(mutex_);
+        if (!reply_is_whole_.wait_for(lock, std::chrono::seconds(5), [&] { return replies_ == count; }))
+            throw std::runtime_error("a reply is not whole");
+    }
+
+private:
+    void read_replies(int fd, const std::vector<Turn>& script)
+    try {
+        for (const Turn& turn : script) {
+            for (size_t count = 0; count < turn.reply.size();) {
+                fd_set readable;
+                FD_ZERO(&readable);
+                FD_SET(fd, &readable);
+                (void)select(fd + 1, &readable, nullptr, nullptr, nullptr);
+                count += read_some(fd, std::span(reply_buffer).subspan(count));
+            }
+            std::unique_lock lock(mutex_);
+            ++replies_;
+            lock.unlock();
+            reply_is_whole_.notify_one();
+        }
+    } catch (const std::system_error&) {
+        return; // whoever waits tells
+    }
+
+    std::mutex mutex_;
+    std::condition_variable reply_is_whole_;
+    size_t replies_ = 0;
+    std::jthread thread_;
+};
+
+double bare_threaded_round(const Measurement& measurement, const std::string& device)
+{
+    const UniqueFd fd = open_raw(device);
+    BareReader reader(fd.get(), measurement.script);
+    return seconds_of([&] {
+        size_t count = 0;
+        for (const Turn& turn : measurement.script) {
+            write_all(fd.get(), turn.request);
+            reader.wait_for(++count);
+        }
+    });
+}
+
 // The value that the share `part` of `values` lies below.
 double quantile(std::vector<double> values, double part)
 {
@@ -377,20 +441,30 @@ double quantile(std::vector<double> values, double part)
     return values[static_cast<size_t>(static_cast<double>(values.size() - 1) * part)];
 }
 
+// The figures of the product's rounds and of those that ran beside them.
+void print_row(const Measurement& measurement, const char* what, const std::vector<double>& product,
+               const std::vector<double>& bare)
+{
+    std::vector<double> ratios;
+    std::ranges::transform(product, bare, std::back_inserter(ratios), std::divides());
+    (void)printf("%s\t%.1f %s\t%.1f %s\t%.2f\t%.2f-%.2f\t%s\n", what, quantile(product, 0.5), measurement.unit,
+                 quantile(bare, 0.5), measurement.unit, quantile(ratios, 0.5), quantile(ratios, 0.25),
+                 quantile(ratios, 0.75), measurement.aim);
+}
+
 void measure(const Measurement& measurement)
 {
     const ModemPeer peer(measurement.script);
     std::vector<double> product;
     std::vector<double> bare;
-    std::vector<double> ratios;
+    std::vector<double> threaded;
     for (int round = 0; round < rounds; ++round) {
         product.push_back(measurement.figure(product_round(measurement, peer.device())));
         bare.push_back(measurement.figure(bare_round(measurement, peer.device())));
-        ratios.push_back(product.back() / bare.back());
+        threaded.push_back(measurement.figure(bare_threaded_round(measurement, peer.device())));
     }
-    (void)printf("%s\t%.1f %s\t%.1f %s\t%.2f\t%.2f-%.2f\t%s\n", measurement.what, quantile(product, 0.5),
-                 measurement.unit, quantile(bare, 0.5), measurement.unit, quantile(ratios, 0.5), quantile(ratios, 0.25),
-                 quantile(ratios, 0.75), measurement.aim);
+    print_row(measurement, measurement.what, product, bare);
+    print_row(measurement, "  beside a bare reader thread", product, threaded);
 }
 
 } // namespace
