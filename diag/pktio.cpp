@@ -83,10 +83,11 @@ void port_make_raw(termios& attributes)
     attributes.c_cflag |= CS8;
 }
 
-// The calls' results are not looked at: a port that refuses them shows it by its silence.
+// The calls' results are not looked at: a port that refuses them shows it by its silence. The port stays non-blocking:
+// a modem that takes no more bytes would hold a blocking write for ever, and reads never wait as they are.
 void configure_port(int fd)
 {
-    (void)fcntl(fd, F_SETFL, 0);
+    (void)fcntl(fd, F_SETFL, O_NONBLOCK);
     termios attributes{};
     (void)port_get_attributes(fd, attributes);
     port_make_raw(attributes);
@@ -221,26 +222,19 @@ ssize_t read_port(Stream& stream, int fd, std::span<const uint8_t>& fresh)
     return count;
 }
 
-// What is not a tty would block in a read of nothing, for ever.
-bool is_drained(int fd)
-{
-    pollfd port = {fd, POLLIN, 0};
-    return poll(&port, 1, 0) == 0;
-}
-
-// Reads until the port is drained or the engine is being stopped. Returns false when the device is gone or failing.
+// Reads until the port is drained, which a read that does not fill the buffer tells, or the engine is being stopped.
+// Returns false when the device is gone or failing.
 bool read_burst(Stream& stream, int fd)
 {
-    for (bool first_read = true; !sStopping; first_read = false) {
-        if (!first_read && is_drained(fd))
-            return true;
+    bool drained = false;
+    for (bool first_read = true; !drained && !sStopping; first_read = false) {
         std::span<const uint8_t> fresh;
         const ssize_t count = read_port(stream, fd, fresh);
         const int error = errno;
         if (traced(odl_trace_bytes))
             __android_log_print(ANDROID_LOG_DEBUG, "RIL_ODL", "%s:%d bytes = %d", "pktio.c", 123,
                                 static_cast<int>(count));
-        if (count < 0 && error == EINTR)
+        if (count < 0 && (error == EINTR || error == EAGAIN))
             return true;
         if (count < 0) {
             __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL",
@@ -253,8 +247,7 @@ bool read_burst(Stream& stream, int fd)
                                 "pktio.c", 173);
             return false;
         }
-        if (count == 0)
-            return true;
+        drained = static_cast<size_t>(count) < sPktIOReadBuffer.size();
 
         if (stream.mode == 0 && !fresh.empty()) {
             if (traced(odl_trace_packets))
@@ -341,26 +334,19 @@ bool takes_bytes(int fd)
     return false;
 }
 
-// Writes `bytes`, as a rule in one call. A modem that takes no more of them would hold a blocking write for ever, so
-// the port does not block meanwhile. Returns their number, or -1 with errno set.
+// Writes `bytes`, as a rule in one call. Returns their number, or -1 with errno set.
 ssize_t write_bytes(std::span<const uint8_t> bytes)
 {
     const std::lock_guard lock(sDescriptorMutex);
-    (void)fcntl(sPktIOFd, F_SETFL, O_NONBLOCK);
-    auto result = static_cast<ssize_t>(bytes.size());
+    const auto size = static_cast<ssize_t>(bytes.size());
     while (!bytes.empty()) {
         const ssize_t count = write(sPktIOFd, bytes.data(), bytes.size());
-        if (count > 0) {
+        if (count > 0)
             bytes = bytes.subspan(static_cast<size_t>(count));
-        } else if ((count < 0 && errno != EAGAIN) || !takes_bytes(sPktIOFd)) {
-            result = -1;
-            break;
-        }
+        else if ((count < 0 && errno != EAGAIN) || !takes_bytes(sPktIOFd))
+            return -1;
     }
-    const int error = errno;
-    (void)fcntl(sPktIOFd, F_SETFL, 0);
-    errno = error;
-    return result;
+    return size;
 }
 
 int write_to_port(int line, std::span<const uint8_t> bytes)
@@ -494,9 +480,9 @@ void pktio_set_unframed_read(uint32_t on)
 {
     const std::scoped_lock lock(sModeMutex, sDescriptorMutex);
     pollfd port = {sPktIOFd, POLLIN, 0};
-    (void)poll(&port, 1, 0); // moves what the driver still has on its way to where it is counted
     int waiting = 0;
-    (void)ioctl(sPktIOFd, FIONREAD, &waiting); // leaves 0 where the port is gone
+    if (poll(&port, 1, 0) > 0)                     // moves what the driver still has on its way to where it is counted
+        (void)ioctl(sPktIOFd, FIONREAD, &waiting); // leaves 0 where the port is gone
     sStaleBytes = static_cast<uint32_t>(std::max(waiting, 0));
     sUnframeReadMode = on;
     ++sModeSwitches;

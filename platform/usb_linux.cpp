@@ -7,11 +7,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -95,15 +94,21 @@ int32_t badname(const std::string& name)
     return name.find_first_not_of("0123456789") == std::string::npos ? 0 : 1;
 }
 
+struct DirectoryCloser {
+    void operator()(DIR* stream) const { (void)closedir(stream); }
+};
+using UniqueDirectory = std::unique_ptr<DIR, DirectoryCloser>;
+
 // Paths of what has a number for a name in a directory, sorted; none when it cannot be read.
 std::vector<std::string> numbered_entries(const std::string& directory)
 {
     std::vector<std::string> paths;
-    std::error_code error;
-    for (auto entry = std::filesystem::directory_iterator(directory, error);
-         !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-        if (badname(entry->path().filename()) == 0)
-            paths.push_back(entry->path());
+    const UniqueDirectory stream(opendir(directory.c_str()));
+    if (!stream)
+        return paths;
+    while (const dirent* entry = readdir(stream.get())) // NOLINT(concurrency-mt-unsafe): a stream of our own
+        if (badname(entry->d_name) == 0)
+            paths.push_back(directory + "/" + entry->d_name);
     std::ranges::sort(paths);
     return paths;
 }

@@ -1,4 +1,4 @@
-# Sourced by ./demo and ./check: what they need from the system, installed where that is possible.
+# Sourced by ./demo, ./check, ./fuzz and ./bench: what they need from the system, installed where that is possible.
 # shellcheck shell=bash
 
 build_packages=(g++ cmake ninja-build libgtest-dev libgmock-dev bubblewrap pkg-config fuse3 libfuse3-dev)
@@ -8,6 +8,8 @@ check_packages=("${build_packages[@]}" git clang-format clang-tidy mandoc shellc
 arm_packages=("${build_packages[@]}" g++-arm-linux-gnueabihf googletest qemu-user-static)
 # shellcheck disable=SC2034 # for ./fuzz
 fuzz_packages=(clang)
+# shellcheck disable=SC2034 # for ./bench
+bench_packages=("${build_packages[@]}" libbenchmark-dev binutils)
 
 # Makes sure that the given Debian packages are there: installs what is missing when run as root on Debian, otherwise
 # says what to install and ends.
