@@ -2,6 +2,7 @@
 
 #include "platform/android_log.h"
 #include "platform/os.h"
+#include "platform/progress.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -27,6 +28,7 @@ __attribute__((format(printf, 2, 0))) void emit(const Level& level, const char* 
     const int saved_errno = errno;
     const std::string text = format_text(format, arguments);
     __android_log_buf_print(LOG_ID_RADIO, level.priority, "RIL_TESSEL", "%s", text.c_str());
+    hide_progress();
     if (g_to_stdout != 0)
         (void)printf("%s%s#\n", level.prefix, text.c_str());
     errno = saved_errno;

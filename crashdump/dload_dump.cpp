@@ -5,6 +5,8 @@
 #include "diag/packet_fields.h"
 #include "diag/pktio.h"
 #include "diag/serial_port.h"
+#include "platform/os.h"
+#include "platform/progress.h"
 
 #include <algorithm>
 #include <string_view>
@@ -210,6 +212,7 @@ int32_t fetch_memory_region(FILE* file, uint32_t base, uint32_t length)
     const uint32_t chunk = s_dload_memory_size;
     uint32_t address = base;
     int32_t written = 0;
+    Progress progress(formatted("memory at 0x%08X", base), length, ProgressUnit::bytes);
     // A refused read leaves the address as it is and still counts.
     for (uint32_t i = 0; i < length / chunk; ++i) {
         written = dload_read_memory(file, address, chunk);
@@ -218,6 +221,7 @@ int32_t fetch_memory_region(FILE* file, uint32_t base, uint32_t length)
             break;
         }
         address += static_cast<uint32_t>(written);
+        progress.advance_to(address - base);
     }
     if (length % chunk != 0)
         written = dload_read_memory(file, address, length % chunk);

@@ -3,6 +3,7 @@
 #ifndef __ANDROID__
 
 #include "platform/os.h"
+#include "platform/progress.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -47,6 +48,7 @@ __attribute__((format(printf, 4, 0))) int write_record(int buffer, int priority,
     record += printable(without_line_ends(text)); // a record is one line
     record += '\n';
 
+    hide_progress();
     const ssize_t written = write(STDERR_FILENO, record.data(), record.size());
     errno = saved_errno;
     return static_cast<int>(written);

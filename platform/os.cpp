@@ -78,6 +78,15 @@ std::string format_text(const char* format, va_list arguments)
     return text;
 }
 
+std::string formatted(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = format_text(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
 std::string printable(std::string_view text)
 {
     std::string shown(text);

@@ -49,6 +49,9 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // printf into a text of whatever length it needs.
 [[nodiscard]] std::string format_text(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
+// The same, as a call.
+[[nodiscard]] std::string formatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // `text` for a log or a console: each control character but the tab is a blank, so that a name from outside can neither
 // begin a record of its own nor steer a terminal. Any thread.
 [[nodiscard]] std::string printable(std::string_view text);

@@ -56,17 +56,28 @@ mkdir -p "$directory"
 rm -rf "$members"
 mkdir "$members"
 
-# NAME BYTES [FIRST_LINE]: lines that differ from each other, from image to image and from seed to seed. They hold
-# characters that frames escape, zeros, and bytes that are negative where a character has a sign.
+# NAME BYTES [FIRST_LINE]: one more image to write. Its lines differ from each other, from image to image and from seed to
+# seed. They hold characters that frames escape, zeros, and bytes that are negative where a character has a sign.
+names=() beginnings=() rests=()
 image() {
-    {
-        [ $# -lt 3 ] || printf '%s\n' "$3"
-        awk -v name="$1" -v seed="$seed" -v size="$2" 'BEGIN {
-            for (at = 0; at < size; at += 32)
-                printf "%-15.15s~}%6d %07x\n", name, seed, at
-        }' | LC_ALL=C tr 'abcdef' '\000\200\377\001\215\032'
-    } >"$members/$1"
-    truncate -s "$2" "$members/$1"
+    local beginning=${3:+$3$'\n'}
+    names+=("$1") beginnings+=("$beginning") rests+=($(($2 - ${#beginning})))
+}
+
+# All of them in one go, since a test of an update begins with this.
+write_images() {
+    local i
+    for i in "${!names[@]}"; do
+        echo "${names[i]} ${rests[i]}"
+    done | awk -v seed="$seed" '{
+        for (at = 0; at < $2; at += 32)
+            printf "%s", substr(sprintf("%-15.15s~}%6d %07x\n", $1, seed, at), 1, $2 - at)
+    }' | LC_ALL=C tr 'abcdef' '\000\200\377\001\215\032' | for i in "${!names[@]}"; do
+        {
+            printf '%s' "${beginnings[i]}"
+            head -c "${rests[i]}"
+        } >"$members/${names[i]}"
+    done
 }
 
 # NAME MARK: a programmer of 5000 bytes that begins with the mark, in records of 32 and of 16 bytes.
@@ -117,6 +128,7 @@ done
 image boot-oe-msm9615.img "$((small + 1024))"
 image 9615-cdp-image-9615-cdp.yaffs2 "$((small + 4096))" "version $apps"
 image 9615-cdp-usr-image.usrfs.yaffs2 "$((small + 2048))"
+write_images
 
 printf '%s\r\n"%s"\r\n' "$version" "$apps" >"$members/fwversion.txt"
 printf '# the SKUs that this is for\nSKU=%s\n' "$sku" >"$members/ota_conf.txt"

@@ -14,6 +14,7 @@
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
+#include "platform/progress.h"
 #include "wan_dloader/nv_file.h"
 #include "wan_dloader/nv_tables.h"
 #include "wan_dloader/nv_transfer.h"
@@ -279,10 +280,12 @@ int32_t NvItemBackup(const std::string& file_name)
         return row < NvItemList.size() && NvItemList[row].item == item;
     };
     uint32_t unread = 0;
+    Progress progress("NV items", NvItemList.size(), ProgressUnit::pieces);
     for (size_t i = 0; i < NvItemList.size() && can_write(); ++i) {
         const NvItemRow& row = NvItemList[i];
         if (!read_nv_item(row, row.index != 0 || has_item(i + 1, row.item)))
             ++unread;
+        progress.advance_to(i + 1);
     }
     SetRspCallback(nullptr);
 

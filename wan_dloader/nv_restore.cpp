@@ -7,6 +7,7 @@
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
+#include "platform/progress.h"
 #include "wan_dloader/emergency_downloader.h"
 #include "wan_dloader/fastboot.h"
 #include "wan_dloader/nv_backup.h"
@@ -187,6 +188,7 @@ int32_t NvItemRestore(const std::string& file_name)
     uint32_t sent = 0;
     uint32_t failed = 0;
     NvChunkReader records(chunk.file.get(), chunk.header);
+    Progress progress("NV items", chunk.header.count, ProgressUnit::pieces);
     for (; sent < chunk.header.count; ++sent) {
         NvPacket packet{};
         // Item and data stand in a record as in the request.
@@ -197,6 +199,7 @@ int32_t NvItemRestore(const std::string& file_name)
         }
         if (!send_nv_write(write_request(packet)))
             ++failed;
+        progress.advance_to(sent + 1);
     }
     SetRspCallback(nullptr);
     log_info(">>> Totally restored %d NV items.", static_cast<int>(sent));

@@ -7,6 +7,7 @@
 #include "diag/serial_port.h"
 #include "mdmctrl/mdmctrl.h"
 #include "platform/os.h"
+#include "platform/progress.h"
 #include "wan_dloader/emergency_downloader.h"
 #include "wan_dloader/image_catalogue.h"
 #include "wan_dloader/run_settings.h"
@@ -359,6 +360,7 @@ int32_t SendBootLoader(const std::string& file)
     const int64_t size = GetModemFileSize();
     std::array<uint8_t, data_at + block> request{code};
     uint32_t offset = 0;
+    Progress progress(file, static_cast<uint64_t>(std::max<int64_t>(size, 0)), ProgressUnit::bytes);
     for (size_t length = block; length == block;) {
         length = ReadModemFile(std::span(request).subspan(data_at));
         if (length == 0)
@@ -366,6 +368,7 @@ int32_t SendBootLoader(const std::string& file)
         put_le32(request, offset_at, offset);
         send_unexamined(std::span(request).first(data_at + length), reply_code);
         offset += static_cast<uint32_t>(length);
+        progress.advance_to(offset);
         show_progress();
     }
     CloseModemFile();

@@ -24,8 +24,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto command_deadline = 100s; // two waits of 30 s for a modem, on a busy machine
-constexpr auto modem_deadline = 30s;    // to boot, to end, and to show an awaited event
+constexpr auto command_deadline = 200s; // two waits of 30 s for a modem, on a busy machine
+constexpr auto modem_deadline = 60s;    // to boot, to end, and to show an awaited event
 
 std::string slurp(const fs::path& path)
 {
