@@ -48,7 +48,8 @@ constexpr size_t address_at = 4, length_at = 8, request_size = 12;
 // last_response(). False when it has another code.
 [[nodiscard]] bool exchange_dload(std::span<const uint8_t> request, uint8_t reply_code)
 {
-    (void)send_pkt_behind_flag(request, reply_code);
+    (void)pktio_send_end_of_packet_char(); // the request's own write tells of a dead port
+    (void)send_pkt_with_rsp(request, reply_code);
     return get_u8(last_response(), 0) == reply_code;
 }
 

@@ -162,15 +162,14 @@ constexpr Side update_side = {
 
 // ---- main thread ----
 
-enum class Form { plain, behind_flag, filtered };
+enum class Form { plain, filtered };
 
 void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
 {
-    const auto send = form == Form::behind_flag ? pktio_send_packet_behind_flag : pktio_send_packet;
-    if (send(request) == 0)
+    if (pktio_send_packet(request) == 0)
         return;
     log_error("Error in pktio_send_packet()");
-    end_process(form == Form::filtered ? side.rules.filtered_send_failed : side.rules.plain_send_failed);
+    end_process(form == Form::plain ? side.rules.plain_send_failed : side.rules.filtered_send_failed);
 }
 
 int32_t timed_out(const Side& side, Form form)
@@ -178,7 +177,7 @@ int32_t timed_out(const Side& side, Form form)
     log_error("Timeout!");
     if (side.exit_on_timeout == 0)
         return exchange_no_response;
-    if (form != Form::filtered && side.rules.timeout_ends_plain)
+    if (form == Form::plain && side.rules.timeout_ends_plain)
         end_process(status_plain_timeout);
     return exchange_timed_out;
 }
@@ -197,7 +196,7 @@ int32_t exchange(const Side& side, Form form, std::span<const uint8_t> request, 
         ++side.requests;
     }
     send_or_end(side, form, request);
-    if (form != Form::filtered && side.rules.plain_clock_after_send)
+    if (form == Form::plain && side.rules.plain_clock_after_send)
         deadline = std::chrono::system_clock::now() + response_time;
 
     std::unique_lock lock(side.mutex);
@@ -220,16 +219,6 @@ int32_t filtered_exchange(const Side& side, std::span<const uint8_t> request, co
     const std::lock_guard lock(side.mutex);
     side.filter = nullptr;
     side.copy_to = nullptr;
-    return result;
-}
-
-// The crash-dump side's, without a filter.
-int32_t plain_exchange(Form form, std::span<const uint8_t> request, uint8_t expected_code)
-{
-    const int32_t result = exchange(crashdump_side, form, request, expected_code);
-    uint16_t reason = 0;
-    if (result == exchange_accepted)
-        (void)get_error_code(reason); // for its log line
     return result;
 }
 
@@ -316,12 +305,11 @@ void receive(const Side& side, std::span<const uint8_t> packet, uintptr_t user_d
 
 int32_t send_pkt_with_rsp(std::span<const uint8_t> request, uint8_t expected_code)
 {
-    return plain_exchange(Form::plain, request, expected_code);
-}
-
-int32_t send_pkt_behind_flag(std::span<const uint8_t> request, uint8_t expected_code)
-{
-    return plain_exchange(Form::behind_flag, request, expected_code);
+    const int32_t result = exchange(crashdump_side, Form::plain, request, expected_code);
+    uint16_t reason = 0;
+    if (result == exchange_accepted)
+        (void)get_error_code(reason); // for its log line
+    return result;
 }
 
 int32_t send_pkt_with_callback(std::span<const uint8_t> request, uint8_t expected_code, RspFilter filter,
@@ -394,11 +382,6 @@ void SetRspCallback(RspFilter filter)
 int32_t SendPktAndWait(std::span<const uint8_t> request, uint8_t expected_code)
 {
     return exchange(update_side, Form::plain, request, expected_code);
-}
-
-int32_t SendPktBehindFlag(std::span<const uint8_t> request, uint8_t expected_code)
-{
-    return exchange(update_side, Form::behind_flag, request, expected_code);
 }
 
 int32_t SendPktWithCallback(std::span<const uint8_t> request, uint8_t expected_code, RspFilter filter)

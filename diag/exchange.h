@@ -38,12 +38,8 @@ extern uint32_t s_response_len;     // its length, 0 after a time-out
 // time-out (ERROR "Timeout!") ends the process with 34, a failed send with 4. Main thread.
 int32_t send_pkt_with_rsp(std::span<const uint8_t> request, uint8_t expected_code);
 
-// The same behind a flag of its own (pktio_send_packet_behind_flag). Main thread.
-int32_t send_pkt_behind_flag(std::span<const uint8_t> request, uint8_t expected_code);
-
-// The same as send_pkt_with_rsp with `filter` as the judge and a copy of the response in `response` (null for none).
-// Returns exchange_accepted, exchange_timed_out or exchange_no_response; a failed send ends the process with 69. Main
-// thread.
+// The same with `filter` as the judge and a copy of the response in `response` (null for none). Returns
+// exchange_accepted, exchange_timed_out or exchange_no_response; a failed send ends the process with 69. Main thread.
 [[nodiscard]] int32_t send_pkt_with_callback(std::span<const uint8_t> request, uint8_t expected_code, RspFilter filter,
                                              ResponseBuffer* response);
 
@@ -83,11 +79,7 @@ void SetRspCallback(RspFilter filter);
 // send ends the process with 69. Main thread.
 [[nodiscard]] int32_t SendPktAndWait(std::span<const uint8_t> request, uint8_t expected_code);
 
-// The same behind a flag of its own (pktio_send_packet_behind_flag). Main thread.
-[[nodiscard]] int32_t SendPktBehindFlag(std::span<const uint8_t> request, uint8_t expected_code);
-
-// The same as SendPktAndWait with `filter` as the judge; it is the installed one during the exchange and none is
-// afterwards. Main thread.
+// The same with `filter` as the judge; it is the installed one during the exchange and none is afterwards. Main thread.
 [[nodiscard]] int32_t SendPktWithCallback(std::span<const uint8_t> request, uint8_t expected_code, RspFilter filter);
 
 // The side's packet handler. Reader thread.

@@ -52,9 +52,7 @@ uint32_t sStaleBytes = 0;   // bytes in the port's input that came before the sw
 
 std::array<uint8_t, pktio_buffer_size> sPktIOReadBuffer;
 std::array<uint8_t, pktio_buffer_size> sPktIODecodeBuffer;
-
-constexpr size_t frame_at = 1; // in the output buffer, behind a flag; a full frame may have a second flag behind it
-std::array<uint8_t, frame_at + pktio_buffer_size + 1> sPktIOOutputBuffer = {HDLC_END_OF_PACKET_CHAR};
+std::array<uint8_t, pktio_buffer_size + 1> sPktIOOutputBuffer; // a full frame and its second flag
 
 bool traced(uint32_t mask)
 {
@@ -361,22 +359,6 @@ int write_to_port(int line, std::span<const uint8_t> bytes)
     return 1;
 }
 
-// Frames `packet` in the output buffer. Returns the frame's length with its second flag, 0 after an ERROR.
-uint32_t encode_frame(std::span<const uint8_t> packet)
-{
-    uint32_t length = pktio_buffer_size;
-    const int status = hdlc_encode(packet, &sPktIOOutputBuffer[frame_at], length);
-    if (status != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL", "%s:%d enc:status=%d:error encoding\n", "pktio.c", 209,
-                            status);
-        return 0;
-    }
-    // The endpoint would wait for a short packet behind a frame that fills its packets exactly.
-    if (length % endpoint_packet_size == 0)
-        sPktIOOutputBuffer[frame_at + length++] = HDLC_END_OF_PACKET_CHAR;
-    return length;
-}
-
 // select() takes no descriptor from FD_SETSIZE on.
 UniqueFd open_port(const char* device_path)
 {
@@ -471,21 +453,17 @@ void pktio_shutdown()
 
 int pktio_send_packet(std::span<const uint8_t> packet)
 {
-    const uint32_t length = encode_frame(packet);
-    return length != 0 ? write_to_port(221, std::span(sPktIOOutputBuffer).subspan(frame_at, length)) : 1;
-}
-
-int pktio_send_packet_behind_flag(std::span<const uint8_t> packet)
-{
-    const uint32_t length = encode_frame(packet);
-    if (length == 0)
+    uint32_t length = pktio_buffer_size;
+    const int status = hdlc_encode(packet, sPktIOOutputBuffer.data(), length);
+    if (status != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "RIL_ODL", "%s:%d enc:status=%d:error encoding\n", "pktio.c", 209,
+                            status);
         return 1;
-    const auto bytes = std::span(sPktIOOutputBuffer).first(frame_at + length);
-    if (bytes.size() % endpoint_packet_size != 0)
-        return write_to_port(221, bytes);
-    // The endpoint would wait for a short packet behind the two: each is short on its own.
-    (void)pktio_send_end_of_packet_char(); // a port that is gone fails the frame
-    return write_to_port(221, bytes.subspan(frame_at));
+    }
+    // The endpoint would wait for a short packet behind a frame that fills its packets exactly.
+    if (length % endpoint_packet_size == 0)
+        sPktIOOutputBuffer[length++] = HDLC_END_OF_PACKET_CHAR;
+    return write_to_port(221, std::span(sPktIOOutputBuffer).first(length));
 }
 
 int pktio_send_raw_packet(std::span<const uint8_t> bytes)

@@ -37,10 +37,6 @@ void pktio_shutdown();
 // time.
 [[nodiscard]] int pktio_send_packet(std::span<const uint8_t> packet);
 
-// The same behind a flag of its own, which ends whatever the modem took for the start of a frame. One write as a rule,
-// for each one is a transfer on the bus and a wake-up of the modem.
-[[nodiscard]] int pktio_send_packet_behind_flag(std::span<const uint8_t> packet);
-
 // Writes `bytes` as they are. Returns 0, or 1 after an ERROR. One sender at a time.
 [[nodiscard]] int pktio_send_raw_packet(std::span<const uint8_t> bytes);
 

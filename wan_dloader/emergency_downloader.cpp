@@ -3,6 +3,7 @@
 #include "app/applet_log.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
+#include "diag/pktio.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
 #include "wan_dloader/image_catalogue.h"
@@ -147,7 +148,7 @@ public:
             return;
         put_be16(bytes_, layout_.length_at(), static_cast<uint16_t>(bytes_.size() - layout_.data_at()));
         log_debug(">>>>>>>>>>>>>Addr: 0x%.8x", last_address);
-        (void)SendPktBehindFlag(bytes_, acknowledge_code);
+        (void)send_behind_flag(bytes_, acknowledge_code);
         bytes_.resize(1);
     }
 
@@ -201,7 +202,7 @@ void start_downloader(const HexState& state)
 
     log_debug(">>>>>>>>>>>>Jump to Downloader");
     const TolerateSilence for_one_exchange; // it may start before it has answered
-    if (SendPktBehindFlag(request, acknowledge_code) == exchange_accepted)
+    if (send_behind_flag(request, acknowledge_code) == exchange_accepted)
         log_debug("Jumped to Downloader");
     else
         log_debug("Not sure if modem jumps to downloader");
@@ -262,10 +263,16 @@ int32_t Switch2DLoadMode(const std::string& port)
     return 0;
 }
 
+int32_t send_behind_flag(std::span<const uint8_t> request, uint8_t expected_code)
+{
+    (void)pktio_send_end_of_packet_char(); // a port that is gone fails the request
+    return SendPktAndWait(request, expected_code);
+}
+
 int32_t SendDownLoader()
 {
     log_debug(">>>>>>>>>>>>Parameter Request");
-    (void)SendPktBehindFlag(std::array{parameter_code}, parameter_reply_code);
+    (void)send_behind_flag(std::array{parameter_code}, parameter_reply_code);
 
     log_debug("Send Flash Programmer: ");
     const std::string name =

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,10 @@ void wait_for_reset_modem(const std::string& port);
 
 // Sends a running modem into DLOAD mode. Always 0: whether it goes shows when its port comes back.
 int32_t Switch2DLoadMode(const std::string& port);
+
+// Sends `request` behind a flag of its own, which ends whatever the boot code took for the start of a frame, and waits
+// for `expected_code`. Results of SendPktAndWait.
+int32_t send_behind_flag(std::span<const uint8_t> request, uint8_t expected_code);
 
 // Sends the selected chip's downloader over the open port and starts it. 0 once it was told to start, whether it
 // answers or not; 1 with an ERROR when the file cannot be opened, or with what was sent so far when it has no end

@@ -180,10 +180,10 @@ int32_t SendEraseCallBack(std::span<const uint8_t> packet, uintptr_t /*user_data
 // Requests of this run that were not answered as they should be. The sequence goes on without them.
 uint32_t s_unanswered = 0;
 
-// SendPktBehindFlag for a request whose reply decides nothing.
+// send_behind_flag for a request whose reply decides nothing.
 void send_unexamined(std::span<const uint8_t> request, uint8_t expected_code)
 {
-    if (SendPktBehindFlag(request, expected_code) != exchange_accepted)
+    if (send_behind_flag(request, expected_code) != exchange_accepted)
         ++s_unanswered;
 }
 
@@ -332,7 +332,7 @@ int32_t SendPartitionTable(int32_t override_flag)
     CloseModemFile();
 
     log_debug(">>>>>>>>>>>>Send Partition Table to flash programmer");
-    (void)pktio_send_end_of_packet_char(); // a port that is gone fails the request
+    (void)pktio_send_end_of_packet_char(); // as in send_behind_flag
     const auto packet = std::span(request).first(table_at + length);
     if (SendPktWithCallback(packet, reply_code, SendPartitionTableCallBack) != exchange_accepted) {
         s_flash_error_set = false; // what comes now is too late

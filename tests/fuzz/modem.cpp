@@ -181,11 +181,6 @@ int pktio_send_packet(std::span<const uint8_t> packet)
     return 0;
 }
 
-int pktio_send_packet_behind_flag(std::span<const uint8_t> packet)
-{
-    return pktio_send_packet(packet);
-}
-
 int pktio_send_raw_packet(std::span<const uint8_t> /*bytes*/)
 {
     return 0;

@@ -113,15 +113,12 @@ TEST_F(Pktio, SendsFramesRawBytesAndFlags)
         EXPECT_EQ(pktio_send_end_of_packet_char(), 1);
         EXPECT_EQ(pktio_send_raw_packet(Bytes{0x7E, 0x7D}), 0);
         EXPECT_EQ(peer.receive(wire.size() + 3), (wire + Bytes{0x7E, 0x7E, 0x7D})) << size;
-        EXPECT_EQ(pktio_send_packet_behind_flag(packet), 0);
-        EXPECT_EQ(peer.receive(1 + wire.size()), Bytes{0x7E} + wire) << size;
     }
 }
 
 TEST_F(Pktio, RefusesAPacketThatDoesNotFitAFrame)
 {
     CaptureStderr();
-    EXPECT_EQ(pktio_send_packet_behind_flag(Bytes(2100, 0x7E)), 1);
     EXPECT_EQ(pktio_send_packet(Bytes(2100, 0x7E)), 1);
     EXPECT_THAT(GetCapturedStderr(), HasSubstr("pktio.c:209 enc:status=-1:error encoding"));
     // 4096 bytes on the wire, and the second flag behind them.
@@ -129,8 +126,6 @@ TEST_F(Pktio, RefusesAPacketThatDoesNotFitAFrame)
     ASSERT_EQ(framed(packet).size(), 4096U);
     EXPECT_EQ(pktio_send_packet(packet), 0);
     EXPECT_EQ(peer.receive(4097), (framed(packet) + Bytes{0x7E}));
-    EXPECT_EQ(pktio_send_packet_behind_flag(packet), 0);
-    EXPECT_EQ(peer.receive(4098), (Bytes{0x7E} + framed(packet) + Bytes{0x7E}));
 }
 
 // It floods, so that it is not just silent, and reads nothing.
