@@ -4,6 +4,7 @@
 
 soak=$PWD/build/soak
 fixture=$soak/fixture
+clean=${clean:-$fixture/clean} # what runs of this tessel are like that go well
 tablet=$PWD/build/release/sim/virtual_tablet
 results=$soak/results.tsv
 
@@ -79,8 +80,8 @@ describe() {
 lay_out() {
     mkdir -p "$root/data" "$root/sdcard/firmware"
     case $1 in
-    rebackup | restore) cp "$fixture/nvbackup.bin" "$root/data" ;;
-    renewal) cp "$fixture/nvbackup.bin" "$root/data/nvbackup_golden.bin" ;;
+    rebackup | restore) cp "$clean/nvbackup.bin" "$root/data" ;;
+    renewal) cp "$clean/nvbackup.bin" "$root/data/nvbackup_golden.bin" ;;
     nvupdate) cp "$fixture/update.txt" "$root/data" ;;
     update | whole) cp "$fixture/package/fwupdate.tar" "$root/sdcard/firmware" ;;
     esac
@@ -152,29 +153,28 @@ calibration() {
         places=modem
     fi
     for copy in "$root"/data/nvbackup*; do
-        ! cmp -s "$copy" "$fixture/nvbackup.bin" || places+=" ${copy##*/}"
+        ! cmp -s "$copy" "$clean/nvbackup.bin" || places+=" ${copy##*/}"
     done
     echo "${places# }"
 }
 
 lost_files() {
-    diff -rq "${not_calibration[@]}" "$before" "$root/modem" | sed -n 's|.*/before/\(nv\|efs\)[/: ]*\([^ ]*\).*|\2|p' | head -n 4 | tr '\n' ' '
+    { diff -rq "${not_calibration[@]}" "$before" "$root/modem" || true; } |
+        sed -nE 's#.*/before/(nv|efs)[/: ]*([^ ]*).*#\2#p' | tr '\n' ' '
 }
 
 in_modem() { [[ $(calibration "$before") == modem* ]]; }
 
-same_flash() { diff -rq "$wanted/flash" "$root/modem/flash" >/dev/null; }
+# Whether an oem_partition is left depends on where an erasing was cut short: nothing writes it.
+same_flash() { diff -rq -x oem_partition "$wanted/flash" "$root/modem/flash" >/dev/null; }
 
 # Whether the work is done, byte for byte.
 is_whole() {
     case $kind in
     crash) diff -rq -x crashdump.lst "$root/modem/memory" "$root/sdcard/crashdump" >/dev/null 2>&1 ;;
-    backup) cmp -s "$root/data/$file" "$fixture/nvbackup.bin" ;;
+    backup) cmp -s "$root/data/$file" "$clean/nvbackup.bin" ;;
     *)
-        local part
-        for part in nv efs flash; do
-            diff -rq "$wanted/$part" "$root/modem/$part" >/dev/null || return 1
-        done
+        same_flash && diff -rq "$wanted/nv" "$root/modem/nv" >/dev/null && diff -rq "$wanted/efs" "$root/modem/efs" >/dev/null
         ;;
     esac
 }
@@ -195,7 +195,7 @@ bad_region() {
 
 find_faults() {
     local new bad
-    new=$(comm -13 "$fixture/clean/$job/complaints" <(complaints "$dir/run.err") 2>/dev/null || true)
+    new=$(comm -13 "$clean/$job/complaints" <(complaints "$dir/run.err") 2>/dev/null || true)
     if [ "$status" = 124 ]; then
         found+=("hangs")
     elif [ "$status" = 137 ] && [ -n "$struck" ]; then
@@ -220,12 +220,13 @@ find_faults() {
 
 # ---- the way out ----
 
-steps=''
+steps='' step_count=0
 
 # NAME WORDS...: one step, after the modem was switched off and on.
 step() {
     steps+=", $1"
-    in_the_tablet "out-${steps//[^,]/}" "${@:2}"
+    ((++step_count))
+    in_the_tablet "out-$step_count" "${@:2}"
     unplug || found+=("tablet broke")
 }
 
@@ -309,7 +310,7 @@ way_out() {
 one_run() {
     local job=$1 faults=("${@:2}") dir root before fault modem_faults=() options=() kill_at='' kill_count=1 kill_pipe
     local found=() verdict=ok struck='' began status tried='' held
-    local kind modem again call file statuses limit modem_pid modem_in wanted=$fixture/clean/$job
+    local kind modem again call file statuses limit modem_pid modem_in wanted=$clean/$job
     describe "$job"
     dir=$places/$job-$(printf '%s,' "${faults[@]}" | tr '/:' '..')
     dir=${dir%,} root=$dir/root before=$dir/before
@@ -336,7 +337,7 @@ one_run() {
     plug_in "${modem[@]}" "${modem_faults[@]}"
     cp -a "$root/modem/nv" "$root/modem/efs" "$root/modem/flash" "$before"
     if [ "$job" = restore ]; then
-        wanted=$fixture/clean/backup
+        wanted=$clean/backup
         cp -a "$wanted/nv" "$wanted/efs" "$before"
     fi
     began=$EPOCHREALTIME
@@ -369,24 +370,24 @@ one_run() {
 }
 
 keep_clean() {
-    local clean=$fixture/clean/$job
-    local journal=$root/modem/journal.txt
+    local kept=$clean/$job journal=$root/modem/journal.txt
     if [ "$job" = backup ]; then
-        cp "$root/data/nvbackup.bin" "$fixture"
+        cp "$root/data/nvbackup.bin" "$clean"
     fi
     if [ "$status" = 0 ] && { [ "$kind" != crash ] || is_whole; } && in_modem &&
         { [ "$kind" != backup ] || is_whole; } && { [ "$kind" != update ] || is_package; }; then
-        mkdir -p "$clean"
-        cp -a "$root/modem/nv" "$root/modem/efs" "$root/modem/flash" "$clean"
-        complaints "$dir/run.err" >"$clean/complaints"
-        grep -c '^ran ' "$journal" >"$clean/tools" || true
+        mkdir -p "$kept"
+        cp -a "$root/modem/nv" "$root/modem/efs" "$root/modem/flash" "$kept"
+        complaints "$dir/run.err" >"$kept/complaints"
+        grep -c '^ran ' "$journal" >"$kept/tools" || true
         # Replies so far, where a request differs in its first byte from the one before, or the modem or a tool tells of
         # something. Blocks of images have no line each.
-        awk -v total="$clean/count" '
+        awk -v total="$kept/count" '
             /^request ttyUSB0/ { n++; if ($4 != last) { print n - 1; print n } last = $4 }
             match($0, /^flash .* in [0-9]+ blocks/) { n += $(NF - 1) }
             /^(state|ran|flash)/ { print n; print n + 1 }
-            END { print n >total }' "$journal" | sort -nu >"$clean/boundaries"
+            END { print n >total }' "$journal" | sort -nu >"$kept/boundaries"
+        reported=1
         rm -rf "$dir"
     else
         local ended=$status
@@ -410,6 +411,8 @@ report() {
         text=${BASH_REMATCH[1]} position=${BASH_REMATCH[2]}
     fi
     printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$job" "$text" "$position" "$ended" "$seconds" "$verdict" >>"$results"
+    # shellcheck disable=SC2034 # for ./soak
+    reported=1
     if [[ $verdict == FOUND* || -n ${keep:-} ]]; then
         echo "$job ${faults[*]}: status $ended, $verdict" >&2
         mkdir -p "$soak/failed"
