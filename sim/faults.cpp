@@ -110,11 +110,13 @@ std::string Fault::help()
     return text;
 }
 
-const Fault* Faults::find(std::string_view word, unsigned count) const
+const Fault* Faults::find(std::string_view word, unsigned ahead) const
 {
     const auto strikes = [&](const Fault& fault) {
-        return fault.word == word && (fault.mode.empty() || fault.mode == mode_) && count >= fault.first &&
-               (count == fault.first || fault.onwards);
+        const Counts& counts = fault.mode == any_mode ? in_all_ : since_start_;
+        const unsigned count = (word.starts_with("at-") ? counts.commands : counts.replies) + ahead;
+        return fault.word == word && (fault.mode.empty() || fault.mode == any_mode || fault.mode == mode_) &&
+               count >= fault.first && (count == fault.first || fault.onwards);
     };
     const auto found = std::ranges::find_if(faults_, strikes);
     return found == faults_.end() ? nullptr : &*found;
@@ -122,7 +124,7 @@ const Fault* Faults::find(std::string_view word, unsigned count) const
 
 const Fault* Faults::due(std::string_view word) const
 {
-    const Fault* fault = find(word, word.starts_with("at-") ? commands_ : replies_);
+    const Fault* fault = find(word);
     if (fault != nullptr)
         journal_.note("fault " + fault->given);
     return fault;
@@ -130,7 +132,7 @@ const Fault* Faults::due(std::string_view word) const
 
 bool Faults::will_refuse() const
 {
-    return find("refuse", replies_ + 1) != nullptr || find("error", replies_ + 1) != nullptr;
+    return find("refuse", 1) != nullptr || find("error", 1) != nullptr;
 }
 
 void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
@@ -155,7 +157,7 @@ void Faults::spoil(Reply& reply, View request, const Protocol& protocol) const
 
 Delivery Faults::deliver(Reply reply, View request, const Protocol& protocol)
 {
-    ++replies_;
+    count(&Counts::replies);
     if (due("silence") != nullptr || due("drop") != nullptr)
         return {};
     spoil(reply, request, protocol);
@@ -195,7 +197,7 @@ Delivery Faults::deliver(Reply reply, View request, const Protocol& protocol)
 
 bool Faults::refuse_command(bool turns_echo_off)
 {
-    ++commands_;
+    count(&Counts::commands);
     return due("at-error") != nullptr || (turns_echo_off && due("at-echo") != nullptr);
 }
 

@@ -1,5 +1,6 @@
 // Failures on demand: [MODE/]WORD@N[+][:ARG], one of the rows that `help` prints. N counts the replies of the packet
-// port, or the commands on the AT ports, from 1 at the start of each mode of the modem.
+// port, or the commands on the AT ports, from 1 at the start of each mode of the modem; behind all/ from the first
+// start on.
 #pragma once
 
 #include "port.h"
@@ -7,8 +8,8 @@
 
 namespace sim {
 
-// What the modem speaks on its packet port: the words before a fault that is meant for one of them.
-constexpr std::string_view fault_modes[] = {"diag", "dload", "flash"};
+// The words before a fault: what the modem speaks on its packet port, or that its starts are not looked at.
+constexpr std::string_view any_mode = "all", fault_modes[] = {"diag", "dload", "flash", any_mode};
 
 struct Fault {
     std::string mode; // empty: any
@@ -37,7 +38,7 @@ public:
     void begin_mode(std::string_view mode)
     {
         mode_ = mode;
-        replies_ = commands_ = 0;
+        since_start_ = {};
     }
 
     // Whether the next request will be refused.
@@ -48,8 +49,18 @@ public:
     [[nodiscard]] Delivery deliver_at(std::string answer) const;
 
 private:
-    // The fault of this word that is due at this count.
-    [[nodiscard]] const Fault* find(std::string_view word, unsigned count) const;
+    struct Counts {
+        unsigned replies = 0, commands = 0;
+    };
+
+    void count(unsigned Counts::*what)
+    {
+        ++(since_start_.*what);
+        ++(in_all_.*what);
+    }
+
+    // The fault of this word that is due, or `ahead` counts later.
+    [[nodiscard]] const Fault* find(std::string_view word, unsigned ahead = 0) const;
     // The one that is due now, noted in the journal.
     [[nodiscard]] const Fault* due(std::string_view word) const;
     void spoil(Reply& reply, View request, const Protocol& protocol) const;
@@ -57,8 +68,7 @@ private:
     std::vector<Fault> faults_;
     const Journal& journal_;
     std::string mode_;
-    unsigned replies_ = 0;
-    unsigned commands_ = 0;
+    Counts since_start_, in_all_;
 };
 
 } // namespace sim
