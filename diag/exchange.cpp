@@ -80,6 +80,8 @@ constexpr Rules update_rules = {
 
 constexpr int status_plain_timeout = 34;
 
+uint32_t s_unanswered_requests = 0;
+
 // One side as the machine sees it. What is not constant is guarded by the mutex; the response is the main thread's
 // alone while nothing is outstanding.
 struct Side {
@@ -174,6 +176,7 @@ void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
 
 int32_t timed_out(const Side& side, Form form)
 {
+    ++s_unanswered_requests;
     log_error("Timeout!");
     if (side.exit_on_timeout == 0)
         return exchange_no_response;
@@ -302,6 +305,11 @@ void receive(const Side& side, std::span<const uint8_t> packet, uintptr_t user_d
 }
 
 } // namespace
+
+uint32_t unanswered_requests()
+{
+    return s_unanswered_requests;
+}
 
 int32_t send_pkt_with_rsp(std::span<const uint8_t> request, uint8_t expected_code)
 {

@@ -19,6 +19,9 @@ constexpr int32_t exchange_accepted = 0;
 constexpr int32_t exchange_no_response = 1;
 constexpr int32_t exchange_timed_out = 71; // time-out while the side's exit-on-timeout flag is set
 
+// How many requests of either side got no response so far. Main thread.
+[[nodiscard]] uint32_t unanswered_requests();
+
 // ---- crash-dump side ----
 
 // Where the filter form leaves a copy of the response. A capacity of 0 means nowhere.

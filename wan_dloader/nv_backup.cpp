@@ -206,6 +206,47 @@ bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t
     return false;
 }
 
+// Gets values one after the other, and those for which an answer was lost on the way once more: what is not in the
+// backup is gone when the modem is erased. A modem that was silent already at the value before is not waited for again.
+class SecondTries {
+public:
+    // Runs `get`, which tells whether it got the value. Returns what it told at last.
+    template <typename Get>
+    bool operator()(const Get& get)
+    {
+        const bool was_silent = silent_;
+        bool got = try_once(get);
+        if (silent_ && !was_silent)
+            got = try_once(get);
+        if (silent_)
+            ++unread_;
+        return got;
+    }
+
+    // How many values the modem did not answer for.
+    [[nodiscard]] uint32_t unread() const { return unread_; }
+
+private:
+    template <typename Get>
+    bool try_once(const Get& get)
+    {
+        const uint32_t before = unanswered_requests();
+        const bool got = get();
+        silent_ = !got && unanswered_requests() != before;
+        return got;
+    }
+
+    bool silent_ = false;
+    uint32_t unread_ = 0;
+};
+
+// What a pass could not read, of `total` values that `what` names.
+void report_unread(const SecondTries& tries, size_t total, const char* what)
+{
+    if (tries.unread() != 0)
+        log_error("%u of %zu %s could not be read: no answer", static_cast<unsigned>(tries.unread()), total, what);
+}
+
 // Begins a chunk at the end of the file.
 void begin_chunk(FILE* file, const NvChunkHeader& chunk)
 {
@@ -279,12 +320,12 @@ int32_t NvItemBackup(const std::string& file_name)
     const auto has_item = [](size_t row, uint16_t item) {
         return row < NvItemList.size() && NvItemList[row].item == item;
     };
-    uint32_t unread = 0;
+    SecondTries get;
     Progress progress("NV items", NvItemList.size(), ProgressUnit::pieces);
     for (size_t i = 0; i < NvItemList.size() && can_write(); ++i) {
         const NvItemRow& row = NvItemList[i];
-        if (!read_nv_item(row, row.index != 0 || has_item(i + 1, row.item)))
-            ++unread;
+        const bool indexed = row.index != 0 || has_item(i + 1, row.item);
+        (void)get([&] { return read_nv_item(row, indexed); }); // what came of it is in the file
         progress.advance_to(i + 1);
     }
     SetRspCallback(nullptr);
@@ -301,13 +342,12 @@ int32_t NvItemBackup(const std::string& file_name)
     write_nv_chunk_header(file.get(), chunk);
     const int32_t result = sync_backup(file, file_name);
     log_info(">>> Totally backed up %d NV items.", static_cast<int>(chunk.count));
-    if (unread != 0)
-        log_error("%u of %zu NV items could not be read: no answer", static_cast<unsigned>(unread), NvItemList.size());
+    report_unread(get, NvItemList.size(), "NV items");
     if (refused != 0)
         log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
                     static_cast<unsigned>(refused));
     // What holds nothing at all must not pass for a backup: the modem may be erased next.
-    return unread == NvItemList.size() ? 1 : result;
+    return get.unread() == NvItemList.size() ? 1 : result;
 }
 
 int32_t NvItemFileBackup(const std::string& file_name)
@@ -326,13 +366,15 @@ int32_t NvItemFileBackup(const std::string& file_name)
     begin_chunk(file.get(), chunk);
     uint16_t sequence = 0;
     std::vector<uint8_t> contents;
+    SecondTries get;
     for (const NvFileRow& row : NvItemFileList) {
         Efs2Stat status{};
-        if (get_item_file(row.path, sequence, status, contents))
+        if (get([&] { return get_item_file(row.path, sequence, status, contents); }))
             append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved NV item files: %d, size: %d", static_cast<int>(chunk.count),
              static_cast<int>(chunk.size));
+    report_unread(get, NvItemFileList.size(), "NV item files");
     return finish_chunk(file, file_name, header, end, chunk);
 }
 
@@ -356,12 +398,14 @@ int32_t EfsFileBackup(const std::string& file_name)
     NvChunkHeader chunk = {nv_chunk_header::efs_files, 0, 0};
     begin_chunk(file.get(), chunk);
     std::vector<uint8_t> contents;
+    SecondTries get;
     for (const NvFileRow& row : EFSFileList) {
         Efs2Stat status{};
-        if (get_efs_file(row.path, status, contents))
+        if (get([&] { return get_efs_file(row.path, status, contents); }))
             append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));
+    report_unread(get, EFSFileList.size(), "EFS files");
     return finish_chunk(file, file_name, header, end, chunk);
 }
 

@@ -138,13 +138,14 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
 TEST_F(NvBackup, HoldsWhatTheModemGave)
 {
     // Replies: to the offline request, items, hello, query, radio files; then two to each file that there is.
-    const size_t before = 1 + NvItemList.size() + 2 + 153;
+    // One item is asked for twice.
+    const size_t before = 1 + NvItemList.size() + 1 + 2 + 153;
     const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
         return " --fault " + word + "@" + std::to_string(reply) + argument;
     };
-    modem("normal" + fault("error", 7, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
-          fault("drop", before + 14) + fault("short", before + 16, ":314") + fault("refuse", before + 57, ":13") +
-          fault("refuse", before + 61, ":16") + fault("short", before + 63, ":12"));
+    modem("normal" + fault("error", 8, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
+          fault("drop", before + 14) + fault("short", before + 18, ":314") + fault("refuse", before + 59, ":13") +
+          fault("refuse", before + 63, ":16") + fault("short", before + 65, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},
@@ -185,8 +186,9 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
         complaints_of(r),
         ElementsAre(
             "W NV item (5): Parameter is write-protected and thus read-only.", "W NV item (10): Request is queued.",
-            "E Timeout!", "W NV item (10): no answer", "W NV item (18): Unknown status - 11",
-            "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: no answer",
+            "E Timeout!", "W NV item (10): no answer", "W NV item (10): Request is queued.", "E Timeout!",
+            "W NV item (10): no answer", "W NV item (18): Unknown status - 11", "W Bad SPC for NV item 20",
+            "E 1 of 1489 NV items could not be read: no answer",
             "W Stored as zeros, which a restore writes, since the modem refused them: 1",
             "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
             "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
@@ -199,20 +201,21 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
             "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
             "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
             "W Failed to read /nv/item_files/rfnv/00022975, skip it!", "E EFS2 STAT response is cut: 12 bytes"));
-    EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  642\n");
+    EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  707\n");
 
     // The item that was refused for want of the programming code has the bytes of the request.
-    const std::string mode = file_record("/nv/item_files/modem/qmi/cat/qmi_cat_mode", "\x02");
+    const std::string mode = file_record("/nv/item_files/modem/qmi/cat/qmi_cat_mode", "\x02"),
+                      level = file_record("/nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level", "x");
     EXPECT_EQ(read_file(backup),
               backup_file({{nv_items, {nv_record(0, "\x07"), nv_record(20, "\0\xAA\xBB"s), nv_record(20, "\1")}},
-                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", item), mode, mode}},
+                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", item), mode, level, mode}},
                            {efs_files, {file_record(regular_files[0], regular), file_record(regular_files[1], "")}}}));
 
     std::string sequences;
     for (const std::string& request : requests())
         if (request.find(": 4B 13 27") != std::string::npos)
             sequences += request.substr(request.find(": ") + 2 + size_t{12} * 3, 3);
-    EXPECT_EQ(sequences, "00 01 02 03 04 06 07 08 ");
+    EXPECT_EQ(sequences, "00 01 02 03 04 06 07 08 09 ");
     Texts done = journal();
     std::erase_if(done, [](const std::string& line) {
         return !line.starts_with("ran ") && !line.starts_with("state ") && !line.ends_with(" 29 00 00");
@@ -222,12 +225,13 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     EXPECT_EQ(journal().back(), done.back());
     const Texts records = r.records();
     EXPECT_THAT(
-        Texts(records.end() - 20, records.end()),
+        Texts(records.end() - 21, records.end()),
         ElementsAre("I >>> Start verifying nvbackup file ...", "I Total chunks: 3", "I >>> 3",
                     "I NV Item chunk:", "I \tNV items: 3", "I \tTotal size: 390", "I >>> 2",
-                    "I NV Item File chunk:", "I \tNV item files: 3", "I \tTotal size: 642",
+                    "I NV Item File chunk:", "I \tNV item files: 4", "I \tTotal size: 707",
                     "I    0 /nv/item_files/jcdma/jcdma_mode", "I    1 /nv/item_files/modem/qmi/cat/qmi_cat_mode",
-                    "I    2 /nv/item_files/modem/qmi/cat/qmi_cat_mode", "I >>> 1",
+                    "I    2 /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
+                    "I    3 /nv/item_files/modem/qmi/cat/qmi_cat_mode", "I >>> 1",
                     "I EFS File chunk:", "I \tEFS files: 2", "I \tTotal size: 666", "I    0 " + regular_files[0],
                     "I    1 " + regular_files[1], "I >>> Completed nvbackup file verifying: OK"));
 }
