@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string>
 #include <unistd.h>
 
@@ -30,14 +31,25 @@ TEST(Progress, TellsAmountRateAndTimeLeft)
         EXPECT_EQ(progress_text("x", row.done, row.total, row.unit, row.seconds), row.text);
 }
 
-// A log record begins in the first column of a line of its own; where nobody looks there is not a byte.
+// A log record begins in the first column of a line of its own; where nobody looks there is not a byte more.
 TEST(Progress, MakesRoomForTheLogAndIsForTerminalsOnly)
 {
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     std::array<char, 64> path{};
     ASSERT_TRUE(grantpt(terminal.get()) == 0 && unlockpt(terminal.get()) == 0);
     ASSERT_EQ(ptsname_r(terminal.get(), path.data(), path.size()), 0);
-    const auto written_to = [&](const char* device) {
+    // What a terminal is given comes in pieces.
+    const auto shown = [&](size_t size) {
+        constexpr int patience = 5000;
+        std::string text(size + 1, '\0');
+        size_t count = 0;
+        for (pollfd readable{terminal.get(), POLLIN, 0}; count < size && poll(&readable, 1, patience) == 1;)
+            count += static_cast<size_t>(
+                std::max<ssize_t>(read(terminal.get(), text.data() + count, text.size() - count), 0));
+        text.resize(count);
+        return text;
+    };
+    const auto work_before = [&](const char* device) {
         const UniqueFd other(open(device, O_RDWR | O_NOCTTY | O_CLOEXEC)), before(dup(STDERR_FILENO));
         EXPECT_EQ(dup2(other.get(), STDERR_FILENO), STDERR_FILENO);
         {
@@ -47,10 +59,19 @@ TEST(Progress, MakesRoomForTheLogAndIsForTerminalsOnly)
             log_info("z");
         }
         EXPECT_EQ(dup2(before.get(), STDERR_FILENO), STDERR_FILENO);
-        std::string text(512, '\0');
-        text.resize(static_cast<size_t>(std::max<ssize_t>(read(terminal.get(), text.data(), text.size()), 0)));
-        return text;
     };
-    EXPECT_EQ(written_to(path.data()), "\r\033[Kx: 0 of 2\r\r\033[Kradio I RIL_TESSEL: y\r\nradio I RIL_TESSEL: z\r\n");
-    EXPECT_EQ(written_to("/dev/null"), "");
+    const UniqueFd slave(open(path.data(), O_RDWR | O_NOCTTY | O_CLOEXEC)); // without one, what was written may go
+    const std::string line = "\r\033[Kx: 0 of 2\r\r\033[K", log = "radio I RIL_TESSEL: y\r\nradio I RIL_TESSEL: z\r\n";
+    work_before(path.data());
+    EXPECT_EQ(shown((line + log).size()), line + log);
+
+    std::array<int, 2> pipe_ends{};
+    ASSERT_EQ(pipe2(pipe_ends.data(), O_CLOEXEC), 0);
+    const UniqueFd reader(pipe_ends[0]);
+    UniqueFd writer(pipe_ends[1]);
+    work_before(("/proc/self/fd/" + std::to_string(writer.get())).c_str());
+    writer.reset();
+    std::string text(512, '\0');
+    text.resize(static_cast<size_t>(std::max<ssize_t>(read(reader.get(), text.data(), text.size()), 0)));
+    EXPECT_EQ(text, "radio I RIL_TESSEL: y\nradio I RIL_TESSEL: z\n");
 }
