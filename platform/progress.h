@@ -14,7 +14,9 @@ public:
     // `what`: names the job for the person. `total`: of bytes or pieces; 0 shows nothing.
     Progress(std::string what, uint64_t total, ProgressUnit unit);
     Progress(const Progress&) = delete;
+    Progress(Progress&&) = delete;
     Progress& operator=(const Progress&) = delete;
+    Progress& operator=(Progress&&) = delete;
     ~Progress();
 
     // `done` of the total are done. Draws a few times a second at most.
