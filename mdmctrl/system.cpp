@@ -38,8 +38,8 @@
 
 namespace {
 
-constexpr int version_major = 1;
-constexpr int version_minor = 2;
+constexpr int tools_version_major = 1;
+constexpr int tools_version_minor = 2;
 
 enum SystemStatus : int32_t { SYSTEM_USAGE = 2, SYSTEM_WIFI_ONLY = 3 };
 
@@ -69,7 +69,7 @@ void shell_usage()
 
 void usage(const char* name, const char* unload_line)
 {
-    (void)printf("\n%s version: %d.%d\n\n", name, version_major, version_minor);
+    (void)printf("\n%s version: %d.%d\n\n", name, tools_version_major, tools_version_minor);
     (void)printf("Usage:\n  %s [option]\n    -i: ignore device type checking\n%s    -h: help\n", name, unload_line);
 }
 

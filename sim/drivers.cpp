@@ -14,7 +14,7 @@ namespace {
 enum class Kind { directory, power, link, device, other };
 
 // Inode numbers count from 1, in this order.
-struct Row {
+struct DriverRow {
     fuse_ino_t parent;
     std::string_view name;
     const char* path; // in the tablet
@@ -23,7 +23,7 @@ struct Row {
 };
 
 constexpr fuse_ino_t root = FUSE_ROOT_ID, wan = 2, controller = 3;
-constexpr Row rows[] = {
+constexpr DriverRow driver_rows[] = {
     {0, "", "", Kind::directory, S_IFDIR | 0755},
     {root, "wan", "", Kind::directory, S_IFDIR | 0755},
     {root, "msm-dwc3", "", Kind::directory, S_IFDIR | 0755},
@@ -33,7 +33,7 @@ constexpr Row rows[] = {
     {controller, "bind", "/sys/bus/platform/drivers/msm-dwc3/bind", Kind::other, S_IFREG | 0200},
     {controller, "unbind", "/sys/bus/platform/drivers/msm-dwc3/unbind", Kind::other, S_IFREG | 0200},
 };
-static_assert(rows[wan - 1].name == "wan" && rows[controller - 1].name == "msm-dwc3");
+static_assert(driver_rows[wan - 1].name == "wan" && driver_rows[controller - 1].name == "msm-dwc3");
 
 constexpr size_t page = 4096;             // what such a file takes in one write
 constexpr unsigned wake_request = 0xAA01; // the only one that bwan knows
@@ -92,8 +92,8 @@ struct Drivers::Calls {
     static void lookup(fuse_req_t request, fuse_ino_t parent, const char* name)
     {
         handle(request, [&](const Drivers& drivers) {
-            for (size_t i = 0; i < std::size(rows); ++i) {
-                if (rows[i].parent != parent || rows[i].name != name || !drivers.present(i))
+            for (size_t i = 0; i < std::size(driver_rows); ++i) {
+                if (driver_rows[i].parent != parent || driver_rows[i].name != name || !drivers.present(i))
                     continue;
                 fuse_entry_param entry{}; // times out at once: the next look asks again
                 entry.ino = i + 1;
@@ -142,7 +142,7 @@ struct Drivers::Calls {
         handle(request, [&](const Drivers& drivers) {
             if (!drivers.present(number - 1))
                 return ENOENT;
-            if (rows[number - 1].kind == Kind::device && drivers.bwan_ == Bwan::refused)
+            if (driver_rows[number - 1].kind == Kind::device && drivers.bwan_ == Bwan::refused)
                 return EACCES;
             open->direct_io = 1; // every read and write comes here
             (void)fuse_reply_open(request, open);
@@ -190,12 +190,12 @@ struct Drivers::Calls {
             constexpr size_t largest = 65536;
             std::vector<char> listing(std::min(size, largest));
             size_t used = 0;
-            for (size_t i = static_cast<size_t>(offset); i < std::size(rows); ++i) {
-                if (rows[i].parent != number || !drivers.present(i))
+            for (size_t i = static_cast<size_t>(offset); i < std::size(driver_rows); ++i) {
+                if (driver_rows[i].parent != number || !drivers.present(i))
                     continue;
                 const struct stat about = attributes(drivers, i + 1);
                 const size_t needed = fuse_add_direntry(request, listing.data() + used, listing.size() - used,
-                                                        rows[i].name.data(), &about, static_cast<off_t>(i) + 1);
+                                                        driver_rows[i].name.data(), &about, static_cast<off_t>(i) + 1);
                 if (needed > listing.size() - used)
                     break;
                 used += needed;
@@ -209,7 +209,7 @@ struct Drivers::Calls {
 Drivers::Drivers(const fs::path& mount, Bwan bwan, const Modules& modules, Modem& modem, const Journal& journal)
     : bwan_(bwan), modules_(modules), modem_(modem), journal_(journal)
 {
-    for (const Row& row : rows)
+    for (const DriverRow& row : driver_rows)
         files_.push_back({row.mode, getuid(), getgid(), modem.is_powered() ? "1" : "0"});
 
     fuse_lowlevel_ops calls{};
@@ -289,7 +289,7 @@ void Drivers::release(const fs::path& mount)
 
 bool Drivers::present(size_t file) const
 {
-    switch (rows[file].kind) {
+    switch (driver_rows[file].kind) {
     case Kind::device:
         return bwan_ != Bwan::missing && modules_.loaded("bwan");
     case Kind::power:
@@ -304,7 +304,7 @@ bool Drivers::present(size_t file) const
 
 int Drivers::write(size_t file, std::string_view text)
 {
-    const Row& row = rows[file];
+    const DriverRow& row = driver_rows[file];
     if (text.ends_with('\n'))
         text.remove_suffix(1);
     journal_.note(std::string("write ") + row.path + " " + printable(text));
@@ -327,13 +327,13 @@ int Drivers::control(size_t file, unsigned command, uintptr_t argument) const
 {
     // Language runtimes ask every file whether it is a terminal; only what is meant for the driver counts.
     constexpr unsigned type_shift = 8, own_type = wake_request >> type_shift;
-    if (rows[file].kind != Kind::device || command >> type_shift != own_type)
+    if (driver_rows[file].kind != Kind::device || command >> type_shift != own_type)
         return ENOTTY;
     std::array<char, 64> line{};
     (void)snprintf(line.data(), line.size(), " %X %jX", command, static_cast<uintmax_t>(argument));
-    journal_.note(std::string("ioctl ") + rows[file].path + line.data());
+    journal_.note(std::string("ioctl ") + driver_rows[file].path + line.data());
     if (command != wake_request) {
-        journal_.complain(std::string(rows[file].path) + " does not know this request");
+        journal_.complain(std::string(driver_rows[file].path) + " does not know this request");
         return ENOTTY;
     }
     return bwan_ == Bwan::failing ? EIO : 0;

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <optional>
+#include <stdexcept>
 
 namespace sim {
 
@@ -39,7 +40,9 @@ enum EfsError : uint32_t {
 };
 
 // Thrown by what the modem answers with an error number.
-struct EfsFailure {
+struct EfsFailure : std::runtime_error {
+    explicit EfsFailure(EfsError error) : std::runtime_error("EFS error " + std::to_string(error)), number(error) {}
+
     EfsError number;
 };
 

@@ -14,7 +14,7 @@ struct FaultRow {
     const char* help;
 };
 
-constexpr FaultRow rows[] = {
+constexpr FaultRow fault_rows[] = {
     {"drop", Argument::none, 0, "", "the reply is not sent"},
     {"silence", Argument::none, 0, "", "no reply from this one on; the port stays"},
     {"delay", Argument::number, 0, ":MS", "the reply comes MS milliseconds late"},
@@ -76,8 +76,8 @@ Fault Fault::parse(std::string_view given)
             rest = given.substr(row.size() + 1);
         }
     const size_t at = rest.find('@'), colon = rest.find(':');
-    const auto row = std::ranges::find(rows, rest.substr(0, at), &FaultRow::word);
-    if (row == std::end(rows) || at == std::string_view::npos)
+    const auto row = std::ranges::find(fault_rows, rest.substr(0, at), &FaultRow::word);
+    if (row == std::end(fault_rows) || at == std::string_view::npos)
         throw wrong("not WORD@N");
     std::string_view count = rest.substr(at + 1, colon - at - 1);
     const bool plus = count.ends_with('+');
@@ -102,7 +102,7 @@ std::string Fault::help()
 {
     constexpr size_t width = 24;
     std::string text;
-    for (const FaultRow& row : rows) {
+    for (const FaultRow& row : fault_rows) {
         std::string form = "  " + std::string(row.word) + "@N" + row.form;
         form.resize(width, ' ');
         text += form + row.help + "\n";

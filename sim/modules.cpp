@@ -17,7 +17,7 @@ struct ModuleRow {
 // In order of loading.
 constexpr std::string_view option_needs[] = {"usb_wwan", "usbserial"};
 constexpr std::string_view usb_wwan_needs[] = {"usbserial"};
-constexpr ModuleRow rows[] = {
+constexpr ModuleRow module_rows[] = {
     {"usbserial.ko", "usbserial", 27418, {}}, {"usb_wwan.ko", "usb_wwan", 10230, usb_wwan_needs},
     {"ehci-hcd.ko", "ehci_hcd", 45212, {}},   {"option.ko", "option", 13371, option_needs},
     {"rmnet_usb.ko", "rmnet_usb", 14210, {}}, {"bwan.ko", "bwan", 8652, {}},
@@ -27,8 +27,8 @@ constexpr ModuleRow unknown{"", "", 16384, {}};
 
 const ModuleRow& row_of(std::string_view name)
 {
-    const auto* const row = std::ranges::find(rows, name, &ModuleRow::name);
-    return row == std::end(rows) ? unknown : *row;
+    const auto* const row = std::ranges::find(module_rows, name, &ModuleRow::name);
+    return row == std::end(module_rows) ? unknown : *row;
 }
 
 // A line is "name size references users state address"; users is "-" or names that each end with a comma.
@@ -104,7 +104,7 @@ void drop_module(std::vector<Line>& lines, const std::string& name)
 std::vector<std::string> module_files()
 {
     std::vector<std::string> files;
-    for (const ModuleRow& row : rows)
+    for (const ModuleRow& row : module_rows)
         files.emplace_back(row.file);
     return files;
 }

@@ -130,7 +130,7 @@ std::vector<Region> regions(std::string_view list)
 constexpr const char* default_regions = "SHARED.BIN=88K@0x2A000000,CODE.BIN=64K@0x08800000,"
                                         "BOOT.BIN=128K@0x00020000,AUDIO.BIN=32K@0x28400000,MAIN.BIN=2M@0x40000000";
 
-constexpr OptionRow rows[] = {
+constexpr OptionRow option_rows[] = {
     {"--root", "DIR", "keep the tablet in DIR, made if it is not there",
      [](Options& options, std::string_view text) {
          if (text.empty())
@@ -250,8 +250,8 @@ Options parse_options(std::vector<std::string_view> arguments)
     }
     while (front().starts_with("-") && front() != "--") {
         const std::string_view given = front(), name = given.substr(0, given.find('='));
-        const auto row = std::ranges::find(rows, name, &OptionRow::name);
-        if (row == std::end(rows))
+        const auto row = std::ranges::find(option_rows, name, &OptionRow::name);
+        if (row == std::end(option_rows))
             throw UsageError("unknown option " + std::string(given));
         shift();
         const bool has_value = name.size() < given.size();
@@ -298,7 +298,7 @@ std::string help()
 
 options
 )";
-    for (const OptionRow& row : rows) {
+    for (const OptionRow& row : option_rows) {
         std::string form = "  " + std::string(row.name) + " " + row.argument;
         form.resize(std::max(width, form.size() + 1), ' ');
         text += form + row.help + "\n";

@@ -57,13 +57,13 @@ constexpr const char* kept_variables[] = {
 };
 
 // Switches of the kernel that forbid namespaces to ordinary users.
-struct Switch {
+struct KernelSwitch {
     const char* path;
     const char* forbids;
     const char* remedy;
 };
 
-constexpr Switch switches[] = {
+constexpr KernelSwitch kernel_switches[] = {
     {"/proc/sys/kernel/unprivileged_userns_clone", "0", "sysctl -w kernel.unprivileged_userns_clone=1"},
     {"/proc/sys/kernel/apparmor_restrict_unprivileged_userns", "1",
      "sysctl -w kernel.apparmor_restrict_unprivileged_userns=0"},
@@ -259,7 +259,7 @@ std::string sandbox_obstacle(std::string_view said)
     if (said.find(not_installed) != std::string_view::npos)
         return not_installed;
     const std::string why = "sandboxes fail here (" + std::string(split(said, '\n').front()) + ")";
-    for (const Switch& row : switches)
+    for (const KernelSwitch& row : kernel_switches)
         if (const auto value = read_file(row.path); value && trimmed(*value) == row.forbids)
             return why + ": the kernel forbids namespaces, allow them with " + row.remedy;
     return why + ": run as root, or outside of this container";

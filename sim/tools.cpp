@@ -21,12 +21,12 @@ namespace {
 // What a tool does, apart from being noted.
 enum class Play { insert, remove, nothing, real, fastboot, adb };
 
-struct Row {
+struct ToolRow {
     std::string_view name;
     Play play;
 };
 
-constexpr Row rows[] = {
+constexpr ToolRow tool_rows[] = {
     {"insmod", Play::insert}, {"rmmod", Play::remove}, {"start", Play::nothing},     {"stop", Play::nothing},
     {"chown", Play::real},    {"chmod", Play::real},   {"fastboot", Play::fastboot}, {"adb", Play::adb},
 };
@@ -34,7 +34,7 @@ constexpr Row rows[] = {
 // From the tool: its words, each with a zero behind it, and the last argument that is a file, open.
 // To the tool: an order, its exit status, a text for standard output, or standard error if it failed. After `run_real`
 // it sends one byte, the status of the real tool, and is told `exit`.
-enum Order : uint8_t { order_exit, order_run_real };
+enum ToolOrder : uint8_t { order_exit, order_run_real };
 constexpr size_t longest_message = 65536;
 
 constexpr const char* socket_in_sandbox = "/dev/socket/tablet";
@@ -152,7 +152,7 @@ std::string joined(const std::vector<std::string>& words)
 std::vector<std::string> tool_names()
 {
     std::vector<std::string> names;
-    for (const Row& row : rows)
+    for (const ToolRow& row : tool_rows)
         names.emplace_back(row.name);
     return names;
 }
@@ -199,7 +199,7 @@ ToolFailure ToolFailure::parse(std::string_view given)
 {
     const size_t colon = std::min(given.find(':'), given.size());
     const std::string_view tool = given.substr(0, colon);
-    if (std::ranges::find(rows, tool, &Row::name) == std::end(rows))
+    if (std::ranges::find(tool_rows, tool, &ToolRow::name) == std::end(tool_rows))
         throw UsageError("no tool that can fail: " + std::string(given));
     return {std::string(tool), std::string(given.substr(std::min(colon + 1, given.size())))};
 }
@@ -255,8 +255,9 @@ void Tools::answer(Call& call)
     for (const std::string_view word : split(text, '\0'))
         words.emplace_back(word);
     words.pop_back(); // behind the last zero
-    const auto* const row = words.empty() ? std::end(rows) : std::ranges::find(rows, words.front(), &Row::name);
-    if (static_cast<size_t>(count) > message.size() || row == std::end(rows))
+    const auto* const row =
+        words.empty() ? std::end(tool_rows) : std::ranges::find(tool_rows, words.front(), &ToolRow::name);
+    if (static_cast<size_t>(count) > message.size() || row == std::end(tool_rows))
         return end(call, {"a tool"}, {1, "virtual_tablet: this is not how a tool calls\n"});
 
     const auto asked_for = [&](const ToolFailure& failure) {
@@ -279,7 +280,7 @@ void Tools::answer(Call& call)
 
 ToolOutcome Tools::play(const Words& words, const Fd& file)
 {
-    const Play play = std::ranges::find(rows, words.front(), &Row::name)->play;
+    const Play play = std::ranges::find(tool_rows, words.front(), &ToolRow::name)->play;
     if (play == Play::nothing || play == Play::real)
         return {};
     if (play == Play::fastboot)

@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr size_t longest_line = 254;                   // without its line feed
+constexpr size_t longest_update_line = 254;            // without its line feed
 constexpr size_t initial_buffer = 1024;                // bytes
 constexpr uint32_t largest_file = 16U * 1024U * 1024U; // of the modem, whose whole file system is smaller
 constexpr uint16_t first_sequence = 100;               // of the requests that show an item file
@@ -60,7 +60,7 @@ bool read_line(FILE* file, UpdateLine& line)
     line = {};
     int c = EOF;
     while ((c = getc(file)) != EOF && c != '\n') {
-        line.refused = line.refused || c == '\0' || line.text.size() == longest_line;
+        line.refused = line.refused || c == '\0' || line.text.size() == longest_update_line;
         if (!line.refused)
             line.text += static_cast<char>(c);
     }
@@ -71,7 +71,7 @@ bool read_line(FILE* file, UpdateLine& line)
 
 void refuse(const UpdateLine& line)
 {
-    log_error("UpdateNV: line with a zero byte or more than %zu characters refused: %s", longest_line,
+    log_error("UpdateNV: line with a zero byte or more than %zu characters refused: %s", longest_update_line,
               printable(line.text).c_str());
 }
 

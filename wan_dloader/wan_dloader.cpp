@@ -68,8 +68,8 @@ namespace {
 constexpr int version_major = 7;
 constexpr int version_minor = 1;
 
-constexpr int32_t status_done = 0;
-constexpr int32_t status_usage = 2;
+constexpr int32_t exit_done = 0;
+constexpr int32_t exit_usage = 2;
 
 constexpr size_t longest_port = 127;
 constexpr size_t longest_image_path = 255;
@@ -179,7 +179,7 @@ void usage(const char* name)
     else
         operation->run(text + 1);
     StartRilDaemon();
-    end_process(status_done);
+    end_process(exit_done);
 }
 
 // -m
@@ -222,7 +222,7 @@ std::optional<int32_t> take_option(int option, const char* text, const char* nam
         sFlashMode = flash_mode::all_partitions;
         return std::nullopt;
     case 'p':
-        return set_image_path(text) ? std::nullopt : std::optional(status_usage);
+        return set_image_path(text) ? std::nullopt : std::optional(exit_usage);
     case 'e':
         set_emergency_download_mode(1);
         return std::nullopt;
@@ -272,7 +272,7 @@ std::optional<int32_t> take_option(int option, const char* text, const char* nam
         break;
     }
     usage(name);
-    return status_usage;
+    return exit_usage;
 }
 
 } // namespace
@@ -281,7 +281,7 @@ int32_t wan_dloader_main(int32_t argc, char** argv, const Applet* /*row*/)
 {
     if (argc <= 1) {
         usage(argv[0]);
-        return status_usage;
+        return exit_usage;
     }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no second thread yet
     for (int option = 0; (option = getopt(argc, argv, "hap:dP:D:vR:m:elon:t:fEsr")) != -1;) {

@@ -13,7 +13,7 @@ using namespace std::string_literals;
 
 namespace {
 
-const std::string silence = "E Timeout!";
+const std::string timed_out = "E Timeout!";
 const std::string no_answer = "E Doesn't receive DIAG response";
 const std::string bad_frame = "W pktio.c:164 hdlcdec:status=3:bad HDLC decode";
 const std::string unplugged = "E port gone";
@@ -151,18 +151,18 @@ const Dump dumps[] = {
     // Replies that carry less, or announce more, than was asked for.
     {"ShortFramed", framed + " --fault short@4:507", 0, {kept(6560)}, all - 1500},
     {"ShortHeader", framed + " --fault short@4:6", 0, {kept(6060)}, all - 2000},
-    {"ShortUnframed", unframed + " --fault short@5:4011", 34, {silence}, 4000},
+    {"ShortUnframed", unframed + " --fault short@5:4011", 34, {timed_out}, 4000},
     {"VersionMissing", unframed + " --fault short@2:1", 0, {}, all},
     {"OversizeFramed", framed + " --fault oversize@4", 0, {}, all},
     {"OversizeUnframed", unframed + " --fault oversize@4", 34,
-     {"E pktio.c:134 unframed:length=4294967295:reply larger than the buffer--dropped", silence}, 0},
+     {"E pktio.c:134 unframed:length=4294967295:reply larger than the buffer--dropped", timed_out}, 0},
 
     // Replies that never come.
-    {"BadFcs", framed + " --fault badfcs@5", 34, {bad_frame, silence}, 2000},
-    {"Dropped", unframed + " --fault drop@6", 34, {silence}, 8000},
-    {"Silence", unframed + " --fault silence@1", 34, {silence}, 0},
-    {"UnpluggedFramed", framed + " --fault unplug@5:100", 34, {unplugged, silence}, 2000},
-    {"UnpluggedUnframed", unframed + " --fault unplug@6:50", 34, {unplugged, silence}, 8000},
+    {"BadFcs", framed + " --fault badfcs@5", 34, {bad_frame, timed_out}, 2000},
+    {"Dropped", unframed + " --fault drop@6", 34, {timed_out}, 8000},
+    {"Silence", unframed + " --fault silence@1", 34, {timed_out}, 0},
+    {"UnpluggedFramed", framed + " --fault unplug@5:100", 34, {unplugged, timed_out}, 2000},
+    {"UnpluggedUnframed", unframed + " --fault unplug@6:50", 34, {unplugged, timed_out}, 8000},
 
     // Region tables.
     {"NineteenRegions", framed + times(18, ",1"), 0, {}, all},
@@ -173,7 +173,7 @@ const Dump dumps[] = {
     {"TableEndsWithinAnEntry", framed + " --region-table 110005014000000000001F7C41004200", 1, long_table, 0},
     {"TableWithoutZeros", framed + " --region-table 11000D014000000000001F7C41424344", 1, long_table, 0},
     {"LargerThanANumberWithASign", framed + " --region-table 1100110140000000C00000004100412E42494E00 --fault unplug@5:100",
-     34, {unplugged, silence}, 2000},
+     34, {unplugged, timed_out}, 2000},
     {"EntryBehindTheReply", framed + " --region-table 11001C014000000000001F7C4100412E42494E00", 1,
      {"E Refused the file name of a memory region: "}, all},
 };
@@ -342,7 +342,7 @@ TEST_F(Crashdump, RunningModemHasNoMemoryToSave)
     modem("normal --regions A=5000");
     const auto r = run("tessel crashdump -v");
     EXPECT_EQ(r.status, 34);
-    EXPECT_THAT(said(r), ElementsAre(silence));
+    EXPECT_THAT(said(r), ElementsAre(timed_out));
     EXPECT_EQ(r.out, ">>>>>>>>>>>> NO-OP\n0x06\n\nExpected: 0x02\nReceived:\n0x13 0x06\n\n");
     EXPECT_THAT(complaints(), SizeIs(1));
 
@@ -388,11 +388,11 @@ std::string nv_packet(const std::string& first, const std::string& status)
     return "Response:\n" + hex + "\n\n";
 }
 
-const std::string usage = "\ncrashdump version: 1.7\n\nUsage: crashdump -p <path> -P <port> [options]\n\n"
-                          "\t-p <PATH to save RAM dump files>\n\t-D Modem Port when crashing\n"
-                          "\t-d Enable debug message\n\t-o Output to console\n\t-h Help\n\n";
+const std::string crashdump_usage = "\ncrashdump version: 1.7\n\nUsage: crashdump -p <path> -P <port> [options]\n\n"
+                                    "\t-p <PATH to save RAM dump files>\n\t-D Modem Port when crashing\n"
+                                    "\t-d Enable debug message\n\t-o Output to console\n\t-h Help\n\n";
 const std::string longest_port = std::string(116, '/') + "dev/ttyUSB0"; // 127 characters
-const std::string completed = "W Request was completed.";
+const std::string request_done = "W Request was completed.";
 const std::string ask_sku = "4: 4B 00 44 00";
 const std::string get_file = "19: 4B 00 51 00 0A 00"; // "/etc/version"
 const std::string put_file = "9: 4B 00 51 00 0B 00";  // "/a"
@@ -401,7 +401,7 @@ const std::string sku_dump = "Response:\n0000 4b 00 44 00 00 00 00 00 " + times(
 // clang-format off
 const Operation operations[] = {
     // Command lines that need no modem.
-    {"Usage", "absent", "for o in '' -h -P/dev/ttyUSB0 '-d -p'; do c $o; echo $?; done", 0, times(4, usage + "2\n"),
+    {"Usage", "absent", "for o in '' -h -P/dev/ttyUSB0 '-d -p'; do c $o; echo $?; done", 0, times(4, crashdump_usage + "2\n"),
      {}, {}, ""},
     {"NoPort", "absent", "c -d", 32, "", {"E port: /dev/ttyUSB0 isn't found."}, {}, ""},
     {"OverlongPort", "absent", "c -n 5 -D " + longest_port + "X", 32, "",
@@ -429,16 +429,16 @@ const Operation operations[] = {
     {"NoSuchMode", "normal", "c -t 7; c -t 9 -n 5; c -t 99999999999", 0, "", {}, {}, ""},
 
     // Without an answer, the plain form ends the run; the others tell.
-    {"ModeUnanswered", "normal --fault drop@1", "c -t 6", 34, "", {"I Turn on DIAG mode 2", silence},
+    {"ModeUnanswered", "normal --fault drop@1", "c -t 6", 34, "", {"I Turn on DIAG mode 2", timed_out},
      {"5: 4B 00 31 00 02"}, ""},
     {"TypedUnanswered", "normal --fault badfcs@1", "c -t DIAG:0", 0, "",
-     {bad_frame, silence, no_answer}, {"1: 00"}, ""},
+     {bad_frame, timed_out, no_answer}, {"1: 00"}, ""},
     {"SkuUnanswered", "normal --fault silence@1", "c -t SKU", 0, "",
-     {silence, "W  Failed to get modem sku!!!"}, {ask_sku}, ""},
+     {timed_out, "W  Failed to get modem sku!!!"}, {ask_sku}, ""},
     {"NvReadUnanswered", "normal --fault drop@1", "c -n 5", 0, "",
-     {"I Read NV item: 5, index=0", silence}, {"133: 26 05 00 00 00 00"}, ""},
+     {"I Read NV item: 5, index=0", timed_out}, {"133: 26 05 00 00 00 00"}, ""},
     {"NvWriteUnanswered", "normal --fault drop@1", "c -N 5:1", 0, "",
-     {"I NV string: 5:1", "I Write NV item: 5", silence, "E Doesn't receive the NV response"},
+     {"I NV string: 5:1", "I Write NV item: 5", timed_out, "E Doesn't receive the NV response"},
      {"133: 27 05 00 01 00 00"}, ""},
 
     // Keywords and typed requests.
@@ -469,21 +469,21 @@ const Operation operations[] = {
 
     // NV items.
     {"NvRead", "normal --fault dribble@1", "c -n 0", 0, nv_packet("26 00 00 07", "00 00"),
-     {"I Read NV item: 0, index=0", "I status=0x0000", completed}, {"133: 26 00 00 00 00 00"}, ""},
+     {"I Read NV item: 0, index=0", "I status=0x0000", request_done}, {"133: 26 00 00 00 00 00"}, ""},
     {"NvReadIndexed", "normal" + noise, "c -n 20,1", 0,
      "0xa5 0x00 0x01 0x02 0x03 0x04 0x05 0x06\n\n" + nv_packet("26 14 00 01 00 41", "00 00"),
-     {"I Read NV item: 20, index=1", "E Received sth else", "I status=0x0000", completed},
+     {"I Read NV item: 20, index=1", "E Received sth else", "I status=0x0000", request_done},
      {"133: 26 14 00 01 00 00"}, ""},
     {"NvWrite", "normal", "c -N 66086:1,2,300", 0, nv_packet("27 26 02 01 02 2c", "00 00"),
-     {"I NV string: 66086:1,2,300", "I Write NV item: 550", "I status=0x0000", completed},
+     {"I NV string: 66086:1,2,300", "I Write NV item: 550", "I status=0x0000", request_done},
      {"133: 27 26 02 01 02 2C"}, ""},
     {"NvWriteOfAllBytes", "normal", "c -N 550:$(printf %0128d 0 | sed s/0/9,/g)", 0,
      nv_packet("27 26 02" + times(128, " 09"), "00 00"),
-     {"I NV string: 550:" + times(128, "9,"), "I Write NV item: 550", "I status=0x0000", completed},
+     {"I NV string: 550:" + times(128, "9,"), "I Write NV item: 550", "I status=0x0000", request_done},
      {"133: 27 26 02 09 09 09"}, ""},
     {"NvRefused", "normal --fault error@1:66 --fault short@1:3", "c -n 5", 0,
      "Invalid nv_read/write because SP is locked\n42 26 05 \nResponse:\n0x42 0x26 0x05\n\n",
-     {"I Read NV item: 5, index=0", "I status=0x0000", completed}, {"133: 26 05 00 00 00 00"}, ""},
+     {"I Read NV item: 5, index=0", "I status=0x0000", request_done}, {"133: 26 05 00 00 00 00"}, ""},
 
     // Services of the modem.
     {"KernelLogErrors", refusals(6), "for i in $(seq 6); do c -t DMESG; done", 0, "",
@@ -646,7 +646,7 @@ TEST_F(Crashdump, PullKeepsWhatCameBeforeItBrokeOff)
 
     const auto broken = run("tessel crashdump -t PULL:/data/f");
     EXPECT_EQ(broken.status, 0);
-    EXPECT_EQ(said(broken), Texts({"W Response carries 1024 bytes of 65535", unplugged, silence, no_answer}));
+    EXPECT_EQ(said(broken), Texts({"W Response carries 1024 bytes of 65535", unplugged, timed_out, no_answer}));
     EXPECT_TRUE(read_file("/data/f") == bytes.substr(0, 1024));
 }
 

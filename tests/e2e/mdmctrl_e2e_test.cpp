@@ -13,7 +13,7 @@ using namespace std::literals;
 namespace {
 
 const std::string tool = "tessel mdmctrl -o ";
-const std::string usage =
+const std::string mdmctrl_usage =
     "\nmdmctrl version: 2.1\n\nUsage: mdmctrl [-o] <cmd>\n       -o : Output to console\n"
     "       -h : Display this usage\n       <cmd>:\n\tqmion\n\twanon\n\twanoff\n\twanontph\n\twanreset\n\twanrecover\n"
     "\tpower \t[on][off][reset]\n\tloadall\n\tunloadall\n\tloadusb\n\tloadwan\n\tloadqmi\n\tboard_id\n\tehci_reset\n"
@@ -186,9 +186,9 @@ TEST_F(OnPoweredTablet, MdmctrlTakesItsFirstWordsOnly)
         std::string out;
         Texts actions;
     } rows[] = {
-        {"", 2, usage, {}},
-        {"-h wanoff", 2, usage, {}},
-        {"-o", 2, echo + usage, {}},
+        {"", 2, mdmctrl_usage, {}},
+        {"-h wanoff", 2, mdmctrl_usage, {}},
+        {"-o", 2, echo + mdmctrl_usage, {}},
         {"-o -h", 1, echo, {}},
         {"-o -o wanoff", 1, echo, {}},
         {"wanoff -o -h", 0, "", off},
@@ -200,12 +200,12 @@ TEST_F(OnPoweredTablet, MdmctrlTakesItsFirstWordsOnly)
         {"-o wanoff2", 1, echo, {}},
         {"-o ' wanoff'", 1, echo, {}},
         {"-o power", 1, echo, {}},
-        {"-o power warp", 1, echo + unknown + "warp#\n" + usage, {}},
-        {"-o power ''", 1, echo + unknown + "#\n" + usage, {}},
-        {"-o power o", 1, echo + unknown + "o#\n" + usage, {}},
-        {"-o power 'on '", 1, echo + unknown + "on #\n" + usage, {}},
-        {"-o power 'on 1'", 1, echo + unknown + "on 1#\n" + usage, {}},
-        {"power warp", 1, usage, {}},
+        {"-o power warp", 1, echo + unknown + "warp#\n" + mdmctrl_usage, {}},
+        {"-o power ''", 1, echo + unknown + "#\n" + mdmctrl_usage, {}},
+        {"-o power o", 1, echo + unknown + "o#\n" + mdmctrl_usage, {}},
+        {"-o power 'on '", 1, echo + unknown + "on #\n" + mdmctrl_usage, {}},
+        {"-o power 'on 1'", 1, echo + unknown + "on 1#\n" + mdmctrl_usage, {}},
+        {"power warp", 1, mdmctrl_usage, {}},
         {"-o POWER on", 0, echo, on},
         {"-o power RESET", 0, echo, reset_and_link},
         {"-o power Off on", 0, echo, {modem_power + "0", usb_link + "0"}},

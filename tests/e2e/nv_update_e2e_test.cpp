@@ -30,7 +30,7 @@ protected:
     }
 };
 
-const std::string usage = R"(
+const std::string wan_dloader_usage = R"(
 wan_dloader version: 7.1
 
 Usage: wan_dloader -p <path> -P <port> -D <port> -R <port> [options]
@@ -247,7 +247,7 @@ TEST_F(NvUpdate, OptionsAreJudgedInTheirOrder)
         const auto r = run("tessel wan_dloader " + row.options);
         EXPECT_EQ(r.status, 2) << row.options;
         EXPECT_EQ(r.errors(), row.errors) << row.options;
-        EXPECT_EQ(r.out, row.shows_usage ? usage : "") << row.options;
+        EXPECT_EQ(r.out, row.shows_usage ? wan_dloader_usage : "") << row.options;
     }
     EXPECT_THAT(actions(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());

@@ -33,13 +33,14 @@ const Places everything = both(both(mdm9615, linux_side), {{"mibib", "partition.
 const Places mdm9600 = both(qsc6270, {{"dsp1", "dsp1.mbn"}, {"dsp2", "dsp2.mbn"}});
 
 // The stages, as runs show them.
-const Texts verified = {"I >>> STAGE1: Verify image files to be updated ...",
-                        "I >>> Verify if needing to erase all partitions ..."};
+const Texts all_verified = {"I >>> STAGE1: Verify image files to be updated ...",
+                            "I >>> Verify if needing to erase all partitions ..."};
 const Texts from_diag = {"I >>> STAGE2: Backup NV items ..."};
 const Texts modem_written = {"I >>> STAGE3: Update MODEM images ..."};
 const Texts linux_written = {"I >>> STAGE4: Update LINUX images ...", "I >>> STAGE5: Restore NV items ..."};
 const Texts completed = {"I >>> STAGE6: Update the given NV items ...", "I >>> STAGE7: Completed!", "I >>> Exiting..."};
-const Texts all_written = modem_written + linux_written + completed, all_stages = verified + from_diag + all_written;
+const Texts all_written = modem_written + linux_written + completed,
+            all_stages = all_verified + from_diag + all_written;
 
 const std::string update = "tessel wan_dloader ";
 const std::string older = "normal --revision RIDGE_02_05_07 --apps VA1", newer = "--version RIDGE_02_05_08 --apps VA2";
@@ -101,7 +102,7 @@ TEST_F(FirmwareUpdate, WritesEverythingAndThenFindsNothingToDo)
     EXPECT_THAT(data(), IsEmpty());
 
     EXPECT_THAT(run("tessel atcmd -c ATI -v").out, HasSubstr("Revision: RIDGE_02_05_08"));
-    run_through("-l -m all", Texts{verified.front()} + completed,
+    run_through("-l -m all", Texts{all_verified.front()} + completed,
                 {"W modem FW version is RIDGE_02_05_08, there is no need to update",
                  "W modem apps FW version is VA2, there is no need to update"});
 }
@@ -111,7 +112,7 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     modem("normal --revision RIDGE_01_05_0E --apps VA1", full_modem(root()));
     package(newer + without_nv_files);
     remember();
-    run_through("-E", verified + all_written,
+    run_through("-E", all_verified + all_written,
                 Texts{"W Modem firmware version (RIDGE_01_05_0E) is older than 01_05_0F",
                       "W    Need to erase all partitions!!!"} +
                     no_nv_files);
@@ -144,7 +145,7 @@ TEST_F(FirmwareUpdate, WritesTheLinuxSideAloneAndUpdatesNvData)
     add_to_package("nvitems_summit_all.txt", "NV ITEM=10, INDEX=0\n03\nNV ITEM FILE=/nv/item_files/all, SIZE=1\n43\n");
     write_file("/modem/efs/own", "before");
     remember();
-    run_through("-E", verified + from_diag + linux_written + completed,
+    run_through("-E", all_verified + from_diag + linux_written + completed,
                 {"W modem FW version is RIDGE_02_05_08, there is no need to update", no_erase});
     nv["00010"] = "10: 03\n";
     efs["own"] = "AB";
@@ -195,7 +196,7 @@ TEST_P(CutShort, ErasedModemIsBroughtBackWithItsNvData)
 
     modem("normal", {"--efs", root() + "/modem/efs"});
     EXPECT_EQ(journal().back(), "state bootrom");
-    run_through("-a -e -f", verified + all_written,
+    run_through("-a -e -f", all_verified + all_written,
                 Texts{"E Received sth else", "E Timeout!",
                       "W Not official version: ", "W Modem firmware version () is older than 01_05_0F", no_erase} +
                     no_nv_files);

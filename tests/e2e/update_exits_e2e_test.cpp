@@ -181,12 +181,12 @@ const UpdateCase option_cases[] = {
 };
 // clang-format on
 
-const auto name_of = [](const auto& row) { return row.param.name; };
-INSTANTIATE_TEST_SUITE_P(Package, UpdateExits, ::testing::ValuesIn(package_cases), name_of);
-INSTANTIATE_TEST_SUITE_P(Downloader, UpdateExits, ::testing::ValuesIn(downloader_cases), name_of);
-INSTANTIATE_TEST_SUITE_P(Modem, UpdateExits, ::testing::ValuesIn(modem_cases), name_of);
-INSTANTIATE_TEST_SUITE_P(Fastboot, UpdateExits, ::testing::ValuesIn(fastboot_cases), name_of);
-INSTANTIATE_TEST_SUITE_P(Option, UpdateExits, ::testing::ValuesIn(option_cases), name_of);
+const auto case_name = [](const auto& row) { return row.param.name; };
+INSTANTIATE_TEST_SUITE_P(Package, UpdateExits, ::testing::ValuesIn(package_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Downloader, UpdateExits, ::testing::ValuesIn(downloader_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Modem, UpdateExits, ::testing::ValuesIn(modem_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Fastboot, UpdateExits, ::testing::ValuesIn(fastboot_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Option, UpdateExits, ::testing::ValuesIn(option_cases), case_name);
 
 TEST_P(UpdateExits, Run)
 {
