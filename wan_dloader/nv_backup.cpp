@@ -42,6 +42,7 @@ uint32_t s_nvrefused_num = 0; // of those, the ones that are stored as zeros
 int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
+bool s_queued = false;        // the modem has answered it by taking it for later
 
 // Opens the file of a pass; empty with an ERROR when that fails.
 UniqueFile open_backup(const std::string& file_name, const char* mode)
@@ -87,8 +88,11 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     const auto response = nv_response(packet, DiagNvPkt);
     if (response.empty())
         return 1;
-    if (get_le16(response, nv_packet::status_at) != 0)
-        return judge_nv_status(response);
+    if (get_le16(response, nv_packet::status_at) != 0) {
+        const int32_t waits_on = judge_nv_status(response);
+        s_queued = waits_on != 0;
+        return waits_on;
+    }
     // A late response to the request before is one to this one, as far as an item goes.
     const int index = get_u8(response, nv_packet::data_at), asked = DiagNvPkt[nv_packet::data_at];
     if (s_indexed && index != asked)
@@ -105,8 +109,8 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     return 0;
 }
 
-// `indexed`: other rows have the same item. False with a WARNING when the modem does not answer; else what came of it
-// is in the file, or in the log.
+// `indexed`: other rows have the same item. False with a WARNING when the modem says nothing; else what came of it is
+// in the file, or in the log.
 bool read_nv_item(const NvItemRow& row, bool indexed)
 {
     {
@@ -116,11 +120,14 @@ bool read_nv_item(const NvItemRow& row, bool indexed)
         put_le16(DiagNvPkt, nv_packet::item_at, row.item);
         put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
         s_indexed = indexed;
+        s_queued = false;
     }
     if (SendPktAndWait(DiagNvPkt, 0) == exchange_accepted)
         return true;
     log_warning("NV item (%d): no answer", row.item);
-    return false;
+    // Asked again, it would only queue the request once more.
+    const std::lock_guard lock(s_nv_mutex);
+    return s_queued;
 }
 
 bool can_write()

@@ -138,14 +138,15 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
 TEST_F(NvBackup, HoldsWhatTheModemGave)
 {
     // Replies: to the offline request, items, hello, query, radio files; then two to each file that there is.
-    // One item is asked for twice.
+    // The first item is asked for twice, since its answer is lost; one that is queued is not.
     const size_t before = 1 + NvItemList.size() + 1 + 2 + 153;
     const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
         return " --fault " + word + "@" + std::to_string(reply) + argument;
     };
-    modem("normal" + fault("error", 8, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
-          fault("drop", before + 14) + fault("short", before + 18, ":314") + fault("refuse", before + 59, ":13") +
-          fault("refuse", before + 63, ":16") + fault("short", before + 65, ":12"));
+    modem("normal" + fault("drop", 2) + fault("error", 8, ":0x42") + fault("refuse", before + 8, ":13") +
+          fault("sequence", before + 12) + fault("drop", before + 14) + fault("short", before + 18, ":314") +
+          fault("refuse", before + 59, ":13") + fault("refuse", before + 63, ":16") +
+          fault("short", before + 65, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},
@@ -185,10 +186,9 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     EXPECT_THAT(
         complaints_of(r),
         ElementsAre(
-            "W NV item (5): Parameter is write-protected and thus read-only.", "W NV item (10): Request is queued.",
-            "E Timeout!", "W NV item (10): no answer", "W NV item (10): Request is queued.", "E Timeout!",
-            "W NV item (10): no answer", "W NV item (18): Unknown status - 11", "W Bad SPC for NV item 20",
-            "E 1 of 1489 NV items could not be read: no answer",
+            "E Timeout!", "W NV item (0): no answer", "W NV item (5): Parameter is write-protected and thus read-only.",
+            "W NV item (10): Request is queued.", "E Timeout!", "W NV item (10): no answer",
+            "W NV item (18): Unknown status - 11", "W Bad SPC for NV item 20",
             "W Stored as zeros, which a restore writes, since the modem refused them: 1",
             "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
             "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
