@@ -22,6 +22,14 @@ std::array<uint8_t, size> read_bytes(FILE* file)
     return bytes;
 }
 
+constexpr uint32_t chunk_order[] = {nv_chunk_header::nv_items, nv_chunk_header::nv_item_files,
+                                    nv_chunk_header::efs_files};
+
+bool is_chunk_tag(uint32_t tag)
+{
+    return std::ranges::find(chunk_order, tag) != std::end(chunk_order);
+}
+
 // Counts the records of a chunk into `contents`. False when one is damaged, or there are more or fewer than it says.
 bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileContents& contents)
 {
@@ -126,8 +134,6 @@ std::string NvFileContents::text() const
 
 NvFileContents nv_file_contents(const std::string& path)
 {
-    constexpr uint32_t order[] = {nv_chunk_header::nv_items, nv_chunk_header::nv_item_files,
-                                  nv_chunk_header::efs_files};
     NvFileContents contents{};
     const UniqueFile file = open_nv_file(path, "r");
     if (!file)
@@ -135,18 +141,41 @@ NvFileContents nv_file_contents(const std::string& path)
     const NvFileHeader header = read_nv_file_header(file.get());
     if (!header.is_valid())
         return contents;
-    bool whole = header.chunks == std::size(order);
+    bool whole = header.chunks == std::size(chunk_order);
     for (uint32_t i = 0; i < header.chunks; ++i) {
         const NvChunkHeader chunk = read_nv_chunk_header(file.get());
-        const bool known = std::ranges::find(order, chunk.tag) != std::end(order);
         NvChunkReader records(file.get(), chunk);
         // One damaged record hides those behind it in its chunk, but not the other chunks.
-        whole = known && count_records(records, chunk, contents) && whole && chunk.tag == order[i];
+        whole =
+            is_chunk_tag(chunk.tag) && count_records(records, chunk, contents) && whole && chunk.tag == chunk_order[i];
         if (feof(file.get()) != 0 || !records.skip_rest())
             return contents;
     }
     contents.whole = whole && ftello(file.get()) == nv_file_size(file.get());
     return contents;
+}
+
+std::optional<uint32_t> nv_items_in(FILE* file, const NvChunkHeader& chunk)
+{
+    const uint32_t by_size = chunk.size / nv_item_record::size;
+    if (uint64_t{chunk.count} * nv_item_record::size == chunk.size)
+        return chunk.count;
+    const off_t start = ftello(file);
+    const int64_t file_end = nv_file_size(file);
+    const auto ends_behind = [&](uint32_t items) {
+        const int64_t end = start + int64_t{items} * int64_t{nv_item_record::size};
+        if (end >= file_end)
+            return end == file_end;
+        (void)fseeko(file, static_cast<off_t>(end), SEEK_SET);
+        return is_chunk_tag(read_nv_chunk_header(file).tag);
+    };
+    std::optional<uint32_t> items;
+    if (ends_behind(chunk.count))
+        items = chunk.count;
+    else if (ends_behind(by_size))
+        items = by_size;
+    (void)fseeko(file, start, SEEK_SET);
+    return items;
 }
 
 int64_t nv_file_size(FILE* file)
@@ -183,7 +212,10 @@ std::optional<std::string> NvChunkReader::read_path()
     if (!read(bytes))
         return std::nullopt;
     std::string path(bytes.begin(), bytes.end());
-    path.resize(std::min(path.find('\0'), path.size()));
+    const size_t end = std::min(path.find('\0'), path.size());
+    if (end + 1 < path.size())
+        return std::nullopt;
+    path.resize(end);
     return path;
 }
 

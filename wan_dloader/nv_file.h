@@ -77,6 +77,11 @@ struct NvFileContents {
 // Reads the backup file `path`, record by record. All zero when it is none. Any thread.
 [[nodiscard]] NvFileContents nv_file_contents(const std::string& path);
 
+// How many items stand in `chunk`, one of NV items, the file's position being right behind its header, where it stays.
+// Nothing when that cannot be told: its number and size contradict each other, and behind neither of the two follow
+// another chunk or the end of the file.
+[[nodiscard]] std::optional<uint32_t> nv_items_in(FILE* file, const NvChunkHeader& chunk);
+
 // Size of the file in bytes; its position stays.
 [[nodiscard]] int64_t nv_file_size(FILE* file);
 
@@ -89,7 +94,8 @@ public:
     [[nodiscard]] bool read(std::span<uint8_t> bytes);
     // Reads a 16-bit number.
     [[nodiscard]] std::optional<uint16_t> read_number();
-    // Reads a length and a path of that length. A path without its zero ends with its length; none is empty.
+    // Reads a length and a path of that length. A path without its zero ends with its length; none is empty. Nothing
+    // where a zero stands in its midst: what is read is no record then.
     [[nodiscard]] std::optional<std::string> read_path();
     // Leaves out `size` bytes.
     [[nodiscard]] bool skip(uint32_t size);

@@ -180,6 +180,12 @@ int32_t NvItemRestore(const std::string& file_name)
     const Chunk chunk = find_chunk(file_name, nv_chunk_header::nv_items, "NV item");
     if (!chunk.file)
         return 1;
+    const auto items = nv_items_in(chunk.file.get(), chunk.header);
+    if (!items) { // what is behind them would go to the modem as items
+        log_error("The NV item block is damaged: %u NV items in %u bytes", static_cast<unsigned>(chunk.header.count),
+                  static_cast<unsigned>(chunk.header.size));
+        return 1;
+    }
     send_service_programming_code();
 
     SetRspCallback(NvRestoreCallback);
@@ -187,9 +193,9 @@ int32_t NvItemRestore(const std::string& file_name)
         log_debug("Restoring modem NV items");
     uint32_t sent = 0;
     uint32_t failed = 0;
-    NvChunkReader records(chunk.file.get(), chunk.header);
-    Progress progress("NV items", chunk.header.count, ProgressUnit::pieces);
-    for (; sent < chunk.header.count; ++sent) {
+    NvChunkReader records(chunk.file.get(), {chunk.header.tag, *items, *items * uint32_t{nv_item_record::size}});
+    Progress progress("NV items", *items, ProgressUnit::pieces);
+    for (; sent < *items; ++sent) {
         NvPacket packet{};
         // Item and data stand in a record as in the request.
         if (!records.read(std::span(packet).subspan(nv_packet::item_at, nv_item_record::size))) {

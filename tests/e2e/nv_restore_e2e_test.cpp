@@ -98,9 +98,14 @@ const std::vector<Damage> lies = {
     {"second magic", with(4, "Q"), no_backup, 0, ""},
     {"version", with(8, four_billion), {}, 3, "abef", true},
     {"tag", with(items_at, "\3"), {no_items}, 0, "abef"},
-    {"items: count", with(items_at + 4, four_billion), {inside(3)}, 3, "abef"},
+    {"items: count", with(items_at + 4, four_billion), {}, 3, "abef"},
+    {"items: fewer", with(items_at + 4, le32(2)), {}, 3, "abef"},
+    {"items: count and size", with(items_at + 4, four_billion + four_billion), {
+     "E The NV item block is damaged: 4294967295 NV items in 4294967295 bytes", no_item_files, no_efs_files}, 0, ""},
+    {"items: count, of a cut block", with(items_at + 4, four_billion).substr(0, item_files_at - 1), {
+     "E The NV item block is damaged: 4294967295 NV items in 390 bytes", no_item_files, no_efs_files}, 0, ""},
     {"items: size", with(items_at + 8, four_billion), {no_item_files, no_efs_files}, 3, ""},
-    {"items: short", with(items_at + 8, le32(129)), {inside(0), no_item_files, no_efs_files}, 0, ""},
+    {"items: short", with(items_at + 8, le32(129)), {no_item_files, no_efs_files}, 3, ""},
     {"files: count", with(item_files_at + 4, four_billion), {inside(2)}, 3, "abef"},
     {"files: fewer", with(item_files_at + 4, le32(1)), {}, 3, "aef"},
     {"files: short", with(item_files_at + 8, le32(25)), {inside(1), no_efs_files}, 3, "a"},

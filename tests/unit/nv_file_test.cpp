@@ -99,7 +99,7 @@ TEST(NvFile, PathEndsWithItsZeroOrItsLength)
         std::optional<std::string> path;
     } rows[] = {
         {"\2\0ab"s, "ab"},
-        {"\3\0a\0b"s, "a"},
+        {"\3\0a\0b"s, std::nullopt},
         {"\1\0\0"s, ""},
         {"\0\0"s, ""},
         {"\1"s, std::nullopt},
