@@ -43,6 +43,7 @@ int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
 bool s_queued = false;        // the modem has answered it by taking it for later
+int s_late_item = -1;         // the last one that was not answered in time; its answer may still come
 
 // Opens the file of a pass; empty with an ERROR when that fails.
 UniqueFile open_backup(const std::string& file_name, const char* mode)
@@ -88,15 +89,20 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     const auto response = nv_response(packet, DiagNvPkt);
     if (response.empty())
         return 1;
+    // A late response to the request before looks like one to this one but for the index. Taken for it, it would leave
+    // this one's own response for the next request, and so on to the last index, for which none would be left.
+    const int item = get_le16(response, nv_packet::item_at), index = get_u8(response, nv_packet::data_at),
+              asked = DiagNvPkt[nv_packet::data_at];
+    const bool other_index = s_indexed && index != asked;
+    if (other_index && item == s_late_item)
+        return 1;
     if (get_le16(response, nv_packet::status_at) != 0) {
         const int32_t waits_on = judge_nv_status(response);
         s_queued = waits_on != 0;
         return waits_on;
     }
-    // A late response to the request before is one to this one, as far as an item goes.
-    const int index = get_u8(response, nv_packet::data_at), asked = DiagNvPkt[nv_packet::data_at];
-    if (s_indexed && index != asked)
-        log_warning("NV item (%d): index %d instead of %d", get_le16(response, nv_packet::item_at), index, asked);
+    if (other_index)
+        log_warning("NV item (%d): index %d instead of %d", item, index, asked);
     if (s_nv_file != nullptr) {
         ++s_nvbacked_num;
         if (get_u8(packet, 0) == bad_spc_code)
@@ -109,9 +115,9 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     return 0;
 }
 
-// `indexed`: other rows have the same item. False with a WARNING when the modem says nothing; else what came of it is
-// in the file, or in the log.
-bool read_nv_item(const NvItemRow& row, bool indexed)
+// `indexed`: other rows have the same item. A WARNING when the modem says nothing; else what came of it is in the file,
+// or in the log.
+Fetch read_nv_item(const NvItemRow& row, bool indexed)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
@@ -123,11 +129,11 @@ bool read_nv_item(const NvItemRow& row, bool indexed)
         s_queued = false;
     }
     if (SendPktAndWait(DiagNvPkt, 0) == exchange_accepted)
-        return true;
+        return Fetch::got;
     log_warning("NV item (%d): no answer", row.item);
-    // Asked again, it would only queue the request once more.
     const std::lock_guard lock(s_nv_mutex);
-    return s_queued;
+    s_late_item = row.item;
+    return s_queued ? Fetch::queued : Fetch::unanswered;
 }
 
 bool can_write()
@@ -149,53 +155,52 @@ std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::sp
     return record;
 }
 
-// The contents of an item file; false with a WARNING when the modem has none of this name and kind, or does not give
-// it.
-bool get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status, std::vector<uint8_t>& contents)
+// The contents of an item file; a WARNING when the modem has none of this name and kind, or does not give it.
+Fetch get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status, std::vector<uint8_t>& contents)
 {
     if (efs2_stat(path, &status) != 0) {
         log_warning("%s not found", path.c_str());
-        return false;
+        return Fetch::left_out;
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::item_file) {
         log_warning("%s is not a NV item file: 0x%x", path.c_str(), static_cast<unsigned>(status.mode));
-        return false;
+        return Fetch::left_out;
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {
         log_warning("Skip %s", path.c_str());
-        return false;
+        return Fetch::left_out;
     }
-    if (!fetch_nvitemfile(path, status.size, sequence, contents))
-        return false;
+    if (const Fetch result = fetch_nvitemfile(path, status.size, sequence, contents); result != Fetch::got)
+        return result;
     // Stored, it would be restored with the records behind it as the rest of its data.
     if (status.size <= transfer_piece && contents.size() < status.size) {
         log_error("%s came short of its %u bytes, skip it!", path.c_str(), static_cast<unsigned>(status.size));
-        return false;
+        return Fetch::left_out;
     }
-    return true;
+    return Fetch::got;
 }
 
 // The contents of a regular file, in the same way.
-bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t>& contents)
+Fetch get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t>& contents)
 {
     if (efs2_stat(path, &status) != 0) {
         log_warning("%s not found", path.c_str());
-        return false;
+        return Fetch::left_out;
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::regular_file) {
         log_warning("%s is not an EFS file: 0%o", path.c_str(), static_cast<unsigned>(status.mode));
-        return false;
+        return Fetch::left_out;
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {
         log_warning("Skip %s", path.c_str());
-        return false;
+        return Fetch::left_out;
     }
     const int32_t descriptor = efs2_open_file(path, open_read_only, open_read_mode);
     if (descriptor < 0) {
         log_warning("Failed to open %s, skip it!", path.c_str());
-        return false;
+        return Fetch::left_out;
     }
     contents.resize(status.size);
     uint32_t offset = 0;
@@ -208,50 +213,62 @@ bool get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_t
     }
     (void)efs2_close_file(descriptor);
     if (offset == status.size)
-        return true;
+        return Fetch::got;
     log_warning("Failed to read %s, skip it!", path.c_str());
-    return false;
+    return Fetch::left_out;
 }
 
 // Gets values one after the other, and those for which an answer was lost on the way once more: what is not in the
 // backup is gone when the modem is erased. A modem that was silent already at the value before is not waited for again.
 class SecondTries {
 public:
-    // Runs `get`, which tells whether it got the value. Returns what it told at last.
+    // Runs `get`, which returns a Fetch, and returns what it did at last.
     template <typename Get>
-    bool operator()(const Get& get)
+    Fetch operator()(const Get& get)
     {
         const bool was_silent = silent_;
-        bool got = try_once(get);
-        if (silent_ && !was_silent)
-            got = try_once(get);
-        if (silent_)
-            ++unread_;
-        return got;
+        Fetch result = try_once(get);
+        // What is queued would only be queued once more.
+        if (result == Fetch::unanswered && !(was_silent && silent_))
+            result = try_once(get);
+        if (result == Fetch::unanswered)
+            ++unanswered_;
+        if (result == Fetch::queued)
+            ++queued_;
+        return result;
     }
 
-    // How many values the modem did not answer for.
-    [[nodiscard]] uint32_t unread() const { return unread_; }
+    // How many values the modem did not answer for, and how many it took for later.
+    [[nodiscard]] uint32_t unanswered() const { return unanswered_; }
+    [[nodiscard]] uint32_t queued() const { return queued_; }
 
 private:
     template <typename Get>
-    bool try_once(const Get& get)
+    Fetch try_once(const Get& get)
     {
         const uint32_t before = unanswered_requests();
-        const bool got = get();
-        silent_ = !got && unanswered_requests() != before;
-        return got;
+        Fetch result = get();
+        const bool timed_out = unanswered_requests() != before;
+        if (result == Fetch::left_out && timed_out)
+            result = Fetch::unanswered;
+        silent_ = result == Fetch::unanswered && timed_out;
+        return result;
     }
 
     bool silent_ = false;
-    uint32_t unread_ = 0;
+    uint32_t unanswered_ = 0;
+    uint32_t queued_ = 0;
 };
 
 // What a pass could not read, of `total` values that `what` names.
 void report_unread(const SecondTries& tries, size_t total, const char* what)
 {
-    if (tries.unread() != 0)
-        log_error("%u of %zu %s could not be read: no answer", static_cast<unsigned>(tries.unread()), total, what);
+    const auto report = [&](uint32_t number, const char* why) {
+        if (number != 0)
+            log_error("%u of %zu %s could not be read: %s", static_cast<unsigned>(number), total, what, why);
+    };
+    report(tries.unanswered(), "no answer");
+    report(tries.queued(), "queued by the modem");
 }
 
 // Begins a chunk at the end of the file.
@@ -319,6 +336,7 @@ int32_t NvItemBackup(const std::string& file_name)
         s_nv_file = std::move(file);
         s_nvbacked_num = 0;
         s_nvrefused_num = 0;
+        s_late_item = -1;
     }
 
     SetRspCallback(NvBackupCallback);
@@ -354,7 +372,7 @@ int32_t NvItemBackup(const std::string& file_name)
         log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
                     static_cast<unsigned>(refused));
     // What holds nothing at all must not pass for a backup: the modem may be erased next.
-    return get.unread() == NvItemList.size() ? 1 : result;
+    return get.unanswered() + get.queued() == NvItemList.size() ? 1 : result;
 }
 
 int32_t NvItemFileBackup(const std::string& file_name)
@@ -376,7 +394,7 @@ int32_t NvItemFileBackup(const std::string& file_name)
     SecondTries get;
     for (const NvFileRow& row : NvItemFileList) {
         Efs2Stat status{};
-        if (get([&] { return get_item_file(row.path, sequence, status, contents); }))
+        if (get([&] { return get_item_file(row.path, sequence, status, contents); }) == Fetch::got)
             append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved NV item files: %d, size: %d", static_cast<int>(chunk.count),
@@ -408,7 +426,7 @@ int32_t EfsFileBackup(const std::string& file_name)
     SecondTries get;
     for (const NvFileRow& row : EFSFileList) {
         Efs2Stat status{};
-        if (get([&] { return get_efs_file(row.path, status, contents); }))
+        if (get([&] { return get_efs_file(row.path, status, contents); }) == Fetch::got)
             append_file(file.get(), chunk, row.path, status.size, contents);
     }
     log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));

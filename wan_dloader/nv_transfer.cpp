@@ -100,7 +100,7 @@ int32_t judge_nv_status(std::span<const uint8_t> response)
     return status == queued ? 1 : 0;
 }
 
-bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence, std::vector<uint8_t>& data)
+Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence, std::vector<uint8_t>& data)
 {
     data.clear();
     std::array<uint8_t, transfer_piece> buffer{};
@@ -112,13 +112,13 @@ bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence
         ++sequence;
         if (piece.empty() || !in_order) {
             log_warning("Skip %s", path.c_str());
-            return false;
+            return in_order ? Fetch::left_out : Fetch::unanswered;
         }
         data.insert(data.end(), piece.begin(), piece.end());
         const auto received = static_cast<uint32_t>(piece.size()); // at most what remained
         remaining -= received;
         if (received >= remaining)
-            return true;
+            return Fetch::got;
         remaining -= received;
     }
 }

@@ -49,13 +49,22 @@ constexpr uint8_t bad_spc_code = 0x42;
 // request. Any status but 0 is a WARNING. Reader thread.
 [[nodiscard]] int32_t judge_nv_status(std::span<const uint8_t> response);
 
+// What came of reading one value of the modem.
+enum class Fetch {
+    got,
+    left_out,   // the modem has none, refuses it, or gives less than it has
+    unanswered, // or the answer was one to another request
+    queued,     // taken by the modem for later, which never came
+};
+
 // Fetches the item file `path`, whose size the modem gave as `size`, in pieces, each with the number `sequence`, which
-// is raised by one after each. True with the bytes in `data`. False, with a WARNING that the file is skipped, when the
-// modem refuses a piece, does not answer, or answers with another number (adopted, and raised). A modem that gives less
-// than it was asked for is not noticed here: the data are short then.
+// is raised by one after each. Fetch::got with the bytes in `data`. Else a WARNING that the file is skipped: left out
+// when the modem refuses a piece or does not answer (of which the exchange keeps count), unanswered when it answers
+// with another number (adopted, and raised). A modem that gives less than it was asked for is not noticed here: the
+// data are short then.
 //
 // After a piece, its length counts twice against what is left: of a file of more than 512 bytes only the first 512 are
 // fetched, and above 1024 bytes about half. Kept on purpose: the pieces of an item file are not addressed, and this is
 // how existing backups were made.
-[[nodiscard]] bool fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
-                                    std::vector<uint8_t>& data);
+[[nodiscard]] Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
+                                     std::vector<uint8_t>& data);

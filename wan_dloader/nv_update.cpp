@@ -292,7 +292,7 @@ void show_item_file(const std::string& path, std::vector<uint8_t>& data)
 {
     uint16_t sequence = first_sequence;
     const size_t size = data.size();
-    if (!fetch_nvitemfile(path, static_cast<uint32_t>(size), sequence, data))
+    if (fetch_nvitemfile(path, static_cast<uint32_t>(size), sequence, data) != Fetch::got)
         return;
     PrintHex(data);
     if (data.size() != size)
