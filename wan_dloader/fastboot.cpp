@@ -11,11 +11,13 @@
 #include "wan_dloader/streaming_download.h"
 #include "wan_dloader/version_policy.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <thread>
 
 namespace {
@@ -59,11 +61,16 @@ int32_t check_fastboot_mode()
     return result;
 }
 
+// The second name that an image may have in a package.
+std::string other_name_of(const LinuxImage& image)
+{
+    return std::string(image.partition) + ".img";
+}
+
 // One image of the package, by way of a scratch copy.
 void flash_from_package(const LinuxImage& image)
 {
-    const std::string other_name = std::string(image.partition) + ".img";
-    if (tar_fextract_to(image.file, scratch_path) != 0 && tar_fextract_to(other_name, scratch_path) != 0) {
+    if (tar_fextract_to(image.file, scratch_path) != 0 && tar_fextract_to(other_name_of(image), scratch_path) != 0) {
         log_warning("Failed to fetch partition %s's image file", image.partition);
         return;
     }
@@ -154,6 +161,27 @@ int32_t EnterFastbootMode(const std::string& port)
     if (Switch2FastbootMode(port) == 0)
         (void)Switch2FastbootModeByADB();
     return 1;
+}
+
+bool has_room_for_linux_images()
+{
+    int64_t needed = 0;
+    for (const LinuxImage& image : linux_images) {
+        const int32_t slot = tar_seek_file(image.file);
+        needed = std::max(needed, tar_get_file_size(slot >= 0 ? slot : tar_seek_file(other_name_of(image))));
+    }
+    struct statvfs room {};
+    if (statvfs("/data", &room) != 0)
+        return true; // a tablet that cannot tell can have it all the same
+    int64_t available = static_cast<int64_t>(room.f_bfree) * static_cast<int64_t>(room.f_frsize);
+    struct stat before {};
+    if (stat(scratch_path, &before) == 0)
+        available += before.st_size; // which is written over
+    if (needed <= available)
+        return true;
+    log_error("No room in /data for the Linux images: %lld bytes needed, %lld free", static_cast<long long>(needed),
+              static_cast<long long>(available));
+    return false;
 }
 
 int32_t UpdateLinuxImages(int32_t check)

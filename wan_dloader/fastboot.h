@@ -30,6 +30,10 @@ constexpr int32_t wait_timed_out = 71;
 // Tries the one, then the other. Always 1.
 int32_t EnterFastbootMode(const std::string& port);
 
+// Whether /data has room for the copy that each Linux image of the package is flashed from; else an ERROR with the bytes
+// that the largest one needs.
+[[nodiscard]] bool has_room_for_linux_images();
+
 // Writes the Linux images that the firmware has (WARNING for each it has not), erases EFS2 where that was asked for and
 // is needed, and resets the modem. With `check` the modem may not be in fastboot mode yet: it is sent there by adb, or
 // waited for. 0; 1 when adb fails, or the result of the wait (ERROR).

@@ -103,6 +103,9 @@ EndOfRun prepare_flash()
     if (const int32_t result = BackupQCN(s_diag_port); result != 0)
         return result;
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
+    // After an erase it would be too late to find out: the modem would be left without its Linux partitions.
+    if ((sFlashMode & flash_mode::linux_images) != 0 && !has_room_for_linux_images())
+        return status_failed;
     if (EraseAllPartitions(s_diag_port) != 0)
         return status_failed;
     set_emergency_download_mode(1); // what is left is the boot ROM

@@ -10,6 +10,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using namespace std::string_literals;
 
@@ -119,6 +120,17 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     flash_before.clear();
     expect_written(everything);
     EXPECT_THAT(data(), ElementsAre("nvbackup_golden.bin"));
+}
+
+TEST_F(FirmwareUpdate, ErasesNothingWhenThereIsNoRoomForALinuxImage)
+{
+    modem("normal --revision RIDGE_01_05_0E --apps VA1");
+    package(newer + " --size 1000000");
+    remember();
+    const Result r = run("unshare -rm sh -c 'mount -t tmpfs -o size=40k none /data && " + update + "-E'");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.errors().back(), MatchesRegex("No room in /data for the Linux images: .* bytes needed, .* free"));
+    expect_written({});
 }
 
 // Eight megabytes, so that every percent shows.
