@@ -26,6 +26,7 @@
 #include "crashdump/modem_cmd.h"
 #include "crashdump/nv_item.h"
 #include "diag/exchange.h"
+#include "diag/pktio.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
 
@@ -38,6 +39,7 @@
 #include <string>
 #include <strings.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -313,8 +315,18 @@ enum class Saved { yes, no, cannot_create };
     return result;
 }
 
+// A dump that was broken off leaves the rest of an unframed reply on the line. It ends with no flag, so that the first
+// answer would be taken for more of it.
+void forget_what_is_on_the_line()
+{
+    constexpr auto settle_time = std::chrono::milliseconds(100); // of what is still on its way
+    std::this_thread::sleep_for(settle_time);
+    pktio_set_unframed_read(0); // the mode that it is in: bytes from before a switch are dropped
+}
+
 [[nodiscard]] int32_t dump_memory()
 {
+    forget_what_is_on_the_line();
     if (check_dload_mode() == 0) {
         log_error("Not in DLOAD mode");
         return status_incomplete;

@@ -3,6 +3,7 @@
 
 #include "tests/e2e/tablet_fixture.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -53,12 +54,9 @@ protected:
     // What the modem was asked for, each as its length and its first six bytes.
     [[nodiscard]] Texts requests() const
     {
-        const std::string start = "request ttyUSB0 ";
-        Texts texts;
-        for (const std::string& line : journal()) {
-            if (line.starts_with(start))
-                texts.push_back(line.substr(start.size(), line.find(": ") + 2 + 17 - start.size()));
-        }
+        Texts texts = OnTablet::requests();
+        for (std::string& text : texts)
+            text.resize(std::min(text.size(), text.find(": ") + 2 + 17));
         return texts;
     }
 

@@ -119,18 +119,6 @@ protected:
         return texts;
     }
 
-    // What the modem was asked, each as its length and the bytes it begins with.
-    [[nodiscard]] Texts requests() const
-    {
-        const std::string start = "request ttyUSB0 ";
-        Texts texts;
-        for (const std::string& line : journal()) {
-            if (line.starts_with(start))
-                texts.push_back(line.substr(start.size()));
-        }
-        return texts;
-    }
-
     // Puts files into a folder of the modem in the place of all that was.
     void fill(const std::string& folder, const Files& files) const
     {

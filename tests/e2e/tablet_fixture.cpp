@@ -272,6 +272,17 @@ Texts OnTablet::journal() const
     return lines_of(slurp(root() + "/modem/journal.txt"));
 }
 
+Texts OnTablet::requests() const
+{
+    const std::string start = "request ttyUSB0 ";
+    Texts texts;
+    for (const std::string& line : journal()) {
+        if (line.starts_with(start))
+            texts.push_back(line.substr(start.size()));
+    }
+    return texts;
+}
+
 Texts OnTablet::actions()
 {
     Texts texts = journal();

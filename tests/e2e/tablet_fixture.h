@@ -89,6 +89,9 @@ protected:
     // What the modem saw and did so far, one line an event.
     [[nodiscard]] Texts journal() const;
 
+    // What it was asked on the DIAG port, each as its length and the bytes it begins with.
+    [[nodiscard]] Texts requests() const;
+
     // What was done to the tablet since the last call: writes to driver files, ioctls, and programs that ran, in order.
     [[nodiscard]] Texts actions();
 
