@@ -1,6 +1,7 @@
 #include "app/wan_common.h"
 
 #include "app/applet_log.h"
+#include "platform/progress.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -23,6 +24,7 @@ const char* get_filename(const char* path)
 
 void PrintHex(std::span<const uint8_t> bytes)
 {
+    hide_progress();
     for (size_t i = 0; i < bytes.size(); ++i) {
         const bool ends_line = (i + 1) % hex_per_line == 0 || i + 1 == bytes.size();
         (void)printf("0x%02x%c", bytes[i], ends_line ? '\n' : ' ');

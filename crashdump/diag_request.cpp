@@ -2,6 +2,7 @@
 
 #include "app/applet_log.h"
 #include "app/wan_common.h"
+#include "platform/progress.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -68,6 +69,7 @@ int32_t parse_bad_rsp(std::span<const uint8_t> packet)
     const char* text = packet.empty() ? nullptr : text_of(diag_err_rsp_msg, packet.front());
     if (text == nullptr)
         return 0;
+    hide_progress();
     (void)puts(text);
     print_abstract(packet);
     return 1;
@@ -79,6 +81,7 @@ int32_t process_ignore_rsp(std::span<const uint8_t> packet)
     if (label == nullptr)
         return 0;
     if (s_verbose != 0) {
+        hide_progress();
         (void)printf("%s ", label);
         print_abstract(packet);
     }

@@ -55,14 +55,18 @@ constexpr size_t address_at = 4, length_at = 8, request_size = 12;
 
 void trace(const char* text)
 {
-    if (s_verbose != 0)
-        (void)puts(text);
+    if (s_verbose == 0)
+        return;
+    hide_progress();
+    (void)puts(text);
 }
 
 void trace_read(uint32_t address, uint32_t length)
 {
-    if (s_verbose != 0)
-        (void)printf(">>>>>>>>>>>> Read memory: %08X, %04X\n", address, length);
+    if (s_verbose == 0)
+        return;
+    hide_progress();
+    (void)printf(">>>>>>>>>>>> Read memory: %08X, %04X\n", address, length);
 }
 
 // The text at `offset`, without its zero; ends where the packet ends.
@@ -226,6 +230,7 @@ int32_t fetch_memory_region(FILE* file, uint32_t base, uint32_t length)
     }
     if (length % chunk != 0)
         written = dload_read_memory(file, address, length % chunk);
+    hide_progress();
     (void)putchar('\n');
     return written;
 }

@@ -5,6 +5,7 @@
 #include "diag/packet_fields.h"
 #include "diag/pktio.h"
 #include "platform/os.h"
+#include "platform/progress.h"
 
 #include <algorithm>
 #include <array>
@@ -238,6 +239,7 @@ void report_mismatch(const Side& side, uint8_t expected_code, std::span<const ui
     } else {
         if (side.verbose == 0)
             return;
+        hide_progress();
         (void)printf("Expected: 0x%02x\n", expected_code);
         (void)puts("Received:");
     }
@@ -258,6 +260,7 @@ bool is_expected(const Side& side, uint8_t expected_code, std::span<const uint8_
 void show_accepted(const Side& side, std::span<const uint8_t> packet)
 {
     if (side.verbose != 0) {
+        hide_progress();
         (void)puts("<<<<<<<<<< RX <<<<<<<<<<<");
         PrintHex(packet);
         (void)puts("<<<<<<<<<< end of RX <<<<<<<<");
