@@ -39,7 +39,9 @@ bool exchange_nv(const NvPacket& request)
     (void)puts("Response:");
     if (!packet.empty())
         PrintHex(packet);
-    // An error reply is shorter than this field, which then reads as zero.
+    // An error reply is shorter than the status, which then reads as zero.
+    if (packet.size() < bytes.size())
+        log_warning("NV response is cut: %zu bytes", packet.size());
     const uint16_t status = get_le16(packet, nv_packet::status_at);
     log_info("status=0x%04x", status);
     display_nv_rdwr_status(status);

@@ -329,6 +329,9 @@ int32_t SendPartitionTable(int32_t override_flag)
         log_error("fread: %d - %s", errno, error_text(errno).c_str());
         end_process(exit_unreadable);
     }
+    if (GetModemFileSize() > static_cast<int64_t>(longest))
+        log_warning("Partition table has %lld bytes, only %zu are sent", static_cast<long long>(GetModemFileSize()),
+                    longest);
     CloseModemFile();
 
     log_debug(">>>>>>>>>>>>Send Partition Table to flash programmer");

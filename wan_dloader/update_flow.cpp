@@ -257,6 +257,8 @@ int32_t update_from_nv_only_package()
         log_error("Invalid firmware package");
         return status_failed;
     }
+    if (tar_get_files_count() < 0) // the list is full: what else the package has is not known
+        log_warning("A package of 20 files or more counts as one of NV files: no image is written");
     log_info("Only update NV items");
     return finish(status_done);
 }

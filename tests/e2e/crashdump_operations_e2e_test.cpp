@@ -136,7 +136,8 @@ const Operation operations[] = {
      {"133: 27 26 02 09 09 09"}, ""},
     {"NvRefused", "normal --fault error@1:66 --fault short@1:3", "c -n 5", 0,
      "Invalid nv_read/write because SP is locked\n42 26 05 \nResponse:\n0x42 0x26 0x05\n\n",
-     {"I Read NV item: 5, index=0", "I status=0x0000", request_done}, {"133: 26 05 00 00 00 00"}, ""},
+     {"I Read NV item: 5, index=0", "W NV response is cut: 3 bytes", "I status=0x0000", request_done},
+     {"133: 26 05 00 00 00 00"}, ""},
 
     // Services of the modem.
     {"KernelLogErrors", refusals(6), "for i in $(seq 6); do c -t DMESG; done", 0, "",
