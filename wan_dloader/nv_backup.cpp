@@ -39,6 +39,7 @@ std::mutex s_nv_mutex;
 UniqueFile s_nv_file;         // while NV items are stored
 uint32_t s_nvbacked_num = 0;  // of them
 uint32_t s_nvrefused_num = 0; // of those, the ones that are stored as zeros
+uint32_t s_unread = 0;        // values that the passes so far could not read
 int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
@@ -263,6 +264,7 @@ private:
 // What a pass could not read, of `total` values that `what` names.
 void report_unread(const SecondTries& tries, size_t total, const char* what)
 {
+    s_unread += tries.unanswered() + tries.queued();
     const auto report = [&](uint32_t number, const char* why) {
         if (number != 0)
             log_error("%u of %zu %s could not be read: %s", static_cast<unsigned>(number), total, what, why);
@@ -339,6 +341,7 @@ int32_t NvItemBackup(const std::string& file_name)
         s_late_item = -1;
     }
 
+    s_unread = 0;
     SetRspCallback(NvBackupCallback);
     if (sDebug != 0)
         log_debug("Backing up modem NV items");
@@ -432,6 +435,11 @@ int32_t EfsFileBackup(const std::string& file_name)
     log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));
     report_unread(get, EFSFileList.size(), "EFS files");
     return finish_chunk(file, file_name, header, end, chunk);
+}
+
+uint32_t nv_values_unread()
+{
+    return s_unread;
 }
 
 void NVItemBackupVerify(const std::string& file_name)

@@ -22,6 +22,10 @@
 // anything but two chunks.
 [[nodiscard]] int32_t EfsFileBackup(const std::string& file_name);
 
+// How many values the modem did not give in the last three passes, for want of an answer. Those that it refused, or
+// does not have, are none of them.
+[[nodiscard]] uint32_t nv_values_unread();
+
 // Lists the contents of a backup file at INFO. Says OK in the end for whatever begins like a backup file; an ERROR when
 // it does not, cannot be opened, ends too early or holds an unknown chunk.
 void NVItemBackupVerify(const std::string& file_name);

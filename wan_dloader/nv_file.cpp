@@ -219,6 +219,20 @@ std::optional<std::string> NvChunkReader::read_path()
     return path;
 }
 
+bool NvChunkReader::at_file_record() const
+{
+    const off_t position = ftello(file_);
+    std::array<uint8_t, sizeof(uint16_t) + 1> head{}; // length, first character
+    const size_t count = fread(head.data(), 1, head.size(), file_);
+    bool result = at_end() || count == 0;
+    if (const uint16_t length = get_le16(head, 0); !result && count == head.size() && length > 1) {
+        std::vector<uint8_t> rest(length - size_t{1});
+        result = head.back() == '/' && fread(rest.data(), 1, rest.size(), file_) == rest.size() && rest.back() == 0;
+    }
+    (void)fseeko(file_, position, SEEK_SET);
+    return result;
+}
+
 bool NvChunkReader::skip(uint32_t size)
 {
     if (size > left_ || nv_file_size(file_) - ftello(file_) < size)

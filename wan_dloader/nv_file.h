@@ -102,6 +102,9 @@ public:
     // Leaves out the rest of the chunk.
     [[nodiscard]] bool skip_rest() { return skip(left_); }
     [[nodiscard]] bool at_end() const { return left_ == 0; }
+    // Whether what was read can have been a whole record of a file: behind it the chunk or the file ends, or stands a
+    // path from the modem's root. A record with a wrong length ends anywhere.
+    [[nodiscard]] bool at_file_record() const;
 
 private:
     FILE* file_;

@@ -44,6 +44,9 @@ constexpr uint32_t open_to_all = 0666;        // mode of a new file
 // Items, files and whole steps that the last restore could not carry out.
 uint32_t s_unrestored = 0;
 
+// Something is wrong with the backup file that is being restored.
+bool s_is_damaged = false;
+
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
 NvPacket DiagNvPkt{};    // the request in flight
@@ -219,7 +222,9 @@ struct FileRecord {
     std::vector<uint8_t> data;
 };
 
-// Reads record `number` and logs its path. Nothing, with an ERROR, where the chunk or the file ends inside.
+// Reads record `number` and logs its path. Nothing, with an ERROR, where the chunk or the file ends inside, or,
+// in a damaged file, the record ends where no other can begin: its data would be cut or hold those of others, and go
+// over good ones.
 std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t number)
 {
     FileRecord record;
@@ -229,12 +234,18 @@ std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t numb
         log_error("NV backup file ends inside record %d", static_cast<int>(number));
         return std::nullopt;
     }
-    log_info("\t%4d %s", static_cast<int>(number), path->c_str());
+    const std::string name = printable(*path);
+    log_info("\t%4d %s", static_cast<int>(number), name.c_str());
     record.path = *path;
     record.data.resize(*length);
     if (!records.read(record.data)) {
         // Names the plain backup while the golden copy is restored, too; readers of logs know this text.
-        log_error("Failed to read file: %s for %s record", backup_path, path->c_str());
+        log_error("Failed to read file: %s for %s record", backup_path, name.c_str());
+        return std::nullopt;
+    }
+    // A long item file always does: its record holds its first piece alone.
+    if (s_is_damaged && record.data.size() <= transfer_piece && !records.at_file_record()) {
+        log_error("NV backup file is damaged at record %d: %s", static_cast<int>(number), name.c_str());
         return std::nullopt;
     }
     return record;
@@ -257,7 +268,7 @@ int32_t NvItemFileRestore(const std::string& file_name)
         }
         ++sequence;
         if (efs2_put_file(record->path, record->data, item_file_flags, sequence) < 0) {
-            log_error("Failed to put nv file: %s", record->path.c_str());
+            log_error("Failed to put nv file: %s", printable(record->path).c_str());
             ++failed;
         }
     }
@@ -283,7 +294,7 @@ int32_t EfsFileRestore(const std::string& file_name)
         }
         const int32_t descriptor = open_efs_file(record->path);
         if (descriptor < 0) {
-            log_error("Failed to open EFS file: %s", record->path.c_str());
+            log_error("Failed to open EFS file: %s", printable(record->path).c_str());
             ++failed;
             continue;
         }
@@ -321,7 +332,8 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
     }
     if (!open_diag_port(port))
         return 1;
-    if (path_exists(file_name) && !nv_file_contents(file_name).whole)
+    s_is_damaged = path_exists(file_name) && !nv_file_contents(file_name).whole;
+    if (s_is_damaged)
         log_warning("%s is not complete, what can be read of it is restored", file_name.c_str());
     request_modem_mode(ModemMode::offline);
     // Each step is of use without the others, and says itself what went wrong.

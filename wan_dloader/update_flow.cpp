@@ -9,6 +9,7 @@
 #include "wan_dloader/emergency_downloader.h"
 #include "wan_dloader/fastboot.h"
 #include "wan_dloader/image_catalogue.h"
+#include "wan_dloader/nv_backup.h"
 #include "wan_dloader/nv_restore.h"
 #include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/nv_update.h"
@@ -89,7 +90,39 @@ NvUpdateFiles nv_update_files()
 
 // ---- before the flash is written ----
 
-// Erases the modem where that was asked for and is needed, having saved what is one of a kind.
+// Whether there is a programmer that can reach an erased modem; else an ERROR.
+bool has_emergency_downloader()
+{
+    if (emergency_downloader_exist() != 0)
+        return true;
+    log_error("Not found emergency downloader");
+    return false;
+}
+
+// Whether the package has what the run would end for the want of, the modem being erased by then; else an ERROR.
+bool can_revive_modem()
+{
+    if (!has_emergency_downloader())
+        return false;
+    const std::string table = modem_img.at(static_cast<size_t>(sSelectedModel)).partition_table;
+    if (!modem_images_requested() || check_img(table, 0) == 0)
+        return true;
+    log_error("Unable to open partition file %s", printable(path_of_image(table)).c_str());
+    return false;
+}
+
+// Whether the backup that was made has all that the modem could be read; else an ERROR, unless the user knows better.
+bool has_whole_backup()
+{
+    const uint32_t unread = nv_values_unread();
+    if (unread == 0 || s_force_fw_update != 0)
+        return true;
+    log_error("Nothing is erased: %u values of the modem are missing in its backup", static_cast<unsigned>(unread));
+    return false;
+}
+
+// Erases the modem where that was asked for and is needed, having saved what is one of a kind, and made sure that the
+// run will not end for a reason that can be known before.
 EndOfRun prepare_flash()
 {
     log_info(">>> Verify if needing to erase all partitions ...");
@@ -100,10 +133,13 @@ EndOfRun prepare_flash()
     }
     log_warning("   Need to erase all partitions!!!");
     sFlashAllPartitions = 1;
+    if (!can_revive_modem())
+        return status_failed;
     if (const int32_t result = BackupQCN(s_diag_port); result != 0)
         return result;
+    if (!has_whole_backup())
+        return status_failed;
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
-    // After an erase it would be too late to find out: the modem would be left without its Linux partitions.
     if ((sFlashMode & flash_mode::linux_images) != 0 && !has_room_for_linux_images())
         return status_failed;
     if (EraseAllPartitions(s_diag_port) != 0)
@@ -118,10 +154,8 @@ enum class Entry { ready, not_there, failed };
 Entry enter_emergency_download()
 {
     constexpr int32_t patience = 30; // seconds
-    if (emergency_downloader_exist() == 0) {
-        log_error("Not found emergency downloader");
+    if (!has_emergency_downloader())
         return Entry::failed;
-    }
     if (WaitForDiagPort(s_download_port, patience) == 0)
         return Entry::failed;
     log_info("Emergency download - jump to DLOAD");

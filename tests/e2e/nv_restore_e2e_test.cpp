@@ -53,6 +53,11 @@ std::string inside(int record)
     return "E NV backup file ends inside record " + std::to_string(record);
 }
 
+std::string damaged(int record, const std::string& path)
+{
+    return "E NV backup file is damaged at record " + std::to_string(record) + ": " + path;
+}
+
 std::string no_data(const std::string& path)
 {
     return "E Failed to read file: /data/nvbackup.bin for " + path + " record";
@@ -113,6 +118,9 @@ const std::vector<Damage> lies = {
 const std::vector<Damage> odd_records = {
     {"path beyond the chunk", with(record_a, "\xFF\xFF"), {inside(0)}, 3, "ef"},
     {"no path", with(record_a, le16(0)), {no_data("")}, 3, "ef"},
+    {"data cut", with(record_a + 19, le16(2)), {damaged(0, "/nv/item_files/a")}, 3, "ef"},
+    {"data of the next", with(record_a + 19, le16(30)), {damaged(0, "/nv/item_files/a")}, 3, "ef"},
+    {"last data cut", with(record_f + 8, le16(1)), {damaged(1, "/sd/f")}, 3, "abe"},
     {"path without zero", with(record_a + 18, "x"), {}, 3, "xbef", true},
     {"data beyond the chunk", with(record_a + 19, "\xFF\xFF"), {no_data("/nv/item_files/a")}, 3, "ef"},
     {"data beyond a request", damaged_backup({hand_made_item_files[0], file_record("/sd/b", std::string(2100, 'b'))}),

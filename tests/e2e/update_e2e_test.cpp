@@ -66,6 +66,29 @@ protected:
 // Chips whose port goes away when the flash programmer starts.
 class OtherChips : public FirmwareUpdate, public ::testing::WithParamInterface<std::string> {};
 
+// What the run would end for is found out while the modem still has everything.
+struct Unsafe {
+    const char* name;
+    std::string modem, package, disk, error;
+};
+const Unsafe unsafe[] = {
+    {"WithoutProgrammer", "", "--without ENPRG9x15.hex", "", "Not found emergency downloader"},
+    {"WithoutTable", "", "--without partition.mbn", "", "Unable to open partition file /sdcard/firmware/partition.mbn"},
+    {"WithoutRoom", "", "--size 1000000", "mount -t tmpfs -o size=40k none /data && ",
+     "No room in /data for the Linux images: .* bytes needed, .* free"},
+    {"WithoutBackup", "--fault drop@4 --fault drop@5", "", "",
+     "Nothing is erased: 1 values of the modem are missing in its backup"},
+};
+
+void PrintTo(const Unsafe& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+class UnsafeErase : public FirmwareUpdate, public ::testing::WithParamInterface<Unsafe> {};
+INSTANTIATE_TEST_SUITE_P(Update, UnsafeErase, ::testing::ValuesIn(unsafe),
+                         [](const auto& tested) { return tested.param.name; });
+
 // The modem goes away in the middle of an image, at a point of its own for each seed.
 class CutShort : public FirmwareUpdate, public ::testing::WithParamInterface<unsigned> {
 protected:
@@ -122,14 +145,15 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     EXPECT_THAT(data(), ElementsAre("nvbackup_golden.bin"));
 }
 
-TEST_F(FirmwareUpdate, ErasesNothingWhenThereIsNoRoomForALinuxImage)
+TEST_P(UnsafeErase, IsRefused)
 {
-    modem("normal --revision RIDGE_01_05_0E --apps VA1");
-    package(newer + " --size 1000000");
+    const Unsafe& row = GetParam();
+    modem("normal --revision RIDGE_01_05_0E --apps VA1 " + row.modem);
+    package(newer + " " + row.package);
     remember();
-    const Result r = run("unshare -rm sh -c 'mount -t tmpfs -o size=40k none /data && " + update + "-E'");
+    const Result r = run("unshare -rm sh -c '" + row.disk + update + "-E'");
     EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.errors().back(), MatchesRegex("No room in /data for the Linux images: .* bytes needed, .* free"));
+    EXPECT_THAT(r.errors().back(), MatchesRegex(row.error));
     expect_written({});
 }
 
