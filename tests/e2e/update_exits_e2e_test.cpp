@@ -7,7 +7,7 @@ namespace {
 const std::string base = ":020000042A00D0", code = ":080000004E50524700000000B2", begin = ":040000052A000000CD",
                   end = ":00000001FF", zeros(500, '0');
 
-const std::string long_table = "W Partition table has 649 bytes, only 512 are sent";
+const std::string cut_table = "W Partition table has 649 bytes, only 512 are sent";
 const std::string modem_images = "aboot dsp1 dsp2 rpm sbl1 sbl2", linux_images = "boot system userdata";
 const std::string newer_apps = "--apps APPS_2", few_images = "--without sbl1.mbn --without dsp1.mbn";
 const std::string nv_files_only = edited("rm *.mbn *.img *.yaffs2 *.hex fwversion.txt");
@@ -51,8 +51,8 @@ const UpdateCase package_cases[] = {
      .records = started({"partition.mbn", "sbl1.mbn", "sbl2.mbn", "rpm.mbn"}) + no_table},
     // Only what a request can hold of it is sent, and as it differs, it is sent once more.
     {.name = "WithALongPartitionTable", .before = edited("yes | head -c 600 >> partition.mbn"),
-     .records = started() + Texts{long_table, "I Partition Table: 1 - Partition table differs, override is accepted",
-                                  "I Normal rsp 1: retry partition override", long_table,
+     .records = started() + Texts{cut_table, "I Partition Table: 1 - Partition table differs, override is accepted",
+                                  "I Normal rsp 1: retry partition override", cut_table,
                                   "I Partition Table: 0 - Partition table accepted"} + written + finished,
      .changed = "aboot -boot dsp1 dsp2 mibib rpm sbl1 sbl2 -system -userdata"},
     // Blocks that are full to the last, or hold one byte: the bytes behind an image in the package are never its own.
