@@ -175,6 +175,7 @@ int32_t s_efs2_verbose = 0;
 // The request as it is built, and then the reply in its place.
 std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
 size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
+uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
@@ -198,6 +199,7 @@ std::span<const uint8_t> reply()
 void begin_request(uint16_t command)
 {
     s_efs2_rsp_len = 0;
+    s_efs2_error = 0;
     s_efs2_rsp.fill(0);
     put_u8(s_efs2_rsp, 0, efs2_packet::code);
     put_u8(s_efs2_rsp, efs2_packet::subsystem_at, efs2_packet::subsystem);
@@ -235,10 +237,10 @@ void begin_request(uint16_t command)
 // Whether the modem refused; shows why.
 [[nodiscard]] bool refused(size_t error_at)
 {
-    const uint32_t error = get_le32(reply(), error_at);
-    if (error != 0)
-        display_err_msg(error);
-    return error != 0;
+    s_efs2_error = get_le32(reply(), error_at);
+    if (s_efs2_error != 0)
+        display_err_msg(s_efs2_error);
+    return s_efs2_error != 0;
 }
 
 // Sends the first `length` bytes of the buffer and judges the reply. Returns 0, -1 or the negated failure of the
@@ -439,6 +441,12 @@ int32_t efs2_stat(std::string_view path, Efs2Stat* status)
         };
     }
     return 0;
+}
+
+bool efs2_not_found()
+{
+    constexpr uint32_t no_such_file = 2, not_a_directory = 20, no_such_entry = 0x40000004;
+    return s_efs2_error == no_such_file || s_efs2_error == not_a_directory || s_efs2_error == no_such_entry;
 }
 
 int32_t efs2_remove(std::string_view path)

@@ -64,6 +64,9 @@ void efs2_set_verbose(int32_t on);
 // Tells about a file; `status` may be null. A reply that ends before the file's size is an ERROR and -1.
 [[nodiscard]] int32_t efs2_stat(std::string_view path, Efs2Stat* status);
 
+// Whether the last operation failed for want of such a file or directory.
+[[nodiscard]] bool efs2_not_found();
+
 [[nodiscard]] int32_t efs2_remove(std::string_view path);
 
 // Opens a directory. Returns the handle.

@@ -39,7 +39,7 @@ std::mutex s_nv_mutex;
 UniqueFile s_nv_file;         // while NV items are stored
 uint32_t s_nvbacked_num = 0;  // of them
 uint32_t s_nvrefused_num = 0; // of those, the ones that are stored as zeros
-uint32_t s_unread = 0;        // values that the passes so far could not read
+uint32_t s_unread = 0;        // values that the passes so far could not read, or not store as they are
 int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
@@ -161,7 +161,7 @@ Fetch get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& statu
 {
     if (efs2_stat(path, &status) != 0) {
         log_warning("%s not found", path.c_str());
-        return Fetch::left_out;
+        return efs2_not_found() ? Fetch::left_out : Fetch::withheld;
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::item_file) {
         log_warning("%s is not a NV item file: 0x%x", path.c_str(), static_cast<unsigned>(status.mode));
@@ -170,14 +170,14 @@ Fetch get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& statu
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {
         log_warning("Skip %s", path.c_str());
-        return Fetch::left_out;
+        return Fetch::withheld;
     }
     if (const Fetch result = fetch_nvitemfile(path, status.size, sequence, contents); result != Fetch::got)
-        return result;
+        return result == Fetch::withheld && status.size == 0 ? Fetch::left_out : result; // there is nothing in it
     // Stored, it would be restored with the records behind it as the rest of its data.
     if (status.size <= transfer_piece && contents.size() < status.size) {
         log_error("%s came short of its %u bytes, skip it!", path.c_str(), static_cast<unsigned>(status.size));
-        return Fetch::left_out;
+        return Fetch::withheld;
     }
     return Fetch::got;
 }
@@ -187,7 +187,7 @@ Fetch get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_
 {
     if (efs2_stat(path, &status) != 0) {
         log_warning("%s not found", path.c_str());
-        return Fetch::left_out;
+        return efs2_not_found() ? Fetch::left_out : Fetch::withheld;
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::regular_file) {
         log_warning("%s is not an EFS file: 0%o", path.c_str(), static_cast<unsigned>(status.mode));
@@ -196,12 +196,12 @@ Fetch get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {
         log_warning("Skip %s", path.c_str());
-        return Fetch::left_out;
+        return Fetch::withheld;
     }
     const int32_t descriptor = efs2_open_file(path, open_read_only, open_read_mode);
     if (descriptor < 0) {
         log_warning("Failed to open %s, skip it!", path.c_str());
-        return Fetch::left_out;
+        return Fetch::withheld;
     }
     contents.resize(status.size);
     uint32_t offset = 0;
@@ -216,7 +216,7 @@ Fetch get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_
     if (offset == status.size)
         return Fetch::got;
     log_warning("Failed to read %s, skip it!", path.c_str());
-    return Fetch::left_out;
+    return Fetch::withheld;
 }
 
 // Gets values one after the other, and those for which an answer was lost on the way once more: what is not in the
@@ -236,12 +236,15 @@ public:
             ++unanswered_;
         if (result == Fetch::queued)
             ++queued_;
+        if (result == Fetch::withheld)
+            ++withheld_;
         return result;
     }
 
-    // How many values the modem did not answer for, and how many it took for later.
+    // How many values the modem did not answer for, how many it took for later, and how many it kept for itself.
     [[nodiscard]] uint32_t unanswered() const { return unanswered_; }
     [[nodiscard]] uint32_t queued() const { return queued_; }
+    [[nodiscard]] uint32_t withheld() const { return withheld_; }
 
 private:
     template <typename Get>
@@ -250,7 +253,7 @@ private:
         const uint32_t before = unanswered_requests();
         Fetch result = get();
         const bool timed_out = unanswered_requests() != before;
-        if (result == Fetch::left_out && timed_out)
+        if ((result == Fetch::left_out || result == Fetch::withheld) && timed_out)
             result = Fetch::unanswered;
         silent_ = result == Fetch::unanswered && timed_out;
         return result;
@@ -259,18 +262,20 @@ private:
     bool silent_ = false;
     uint32_t unanswered_ = 0;
     uint32_t queued_ = 0;
+    uint32_t withheld_ = 0;
 };
 
 // What a pass could not read, of `total` values that `what` names.
 void report_unread(const SecondTries& tries, size_t total, const char* what)
 {
-    s_unread += tries.unanswered() + tries.queued();
+    s_unread += tries.unanswered() + tries.queued() + tries.withheld();
     const auto report = [&](uint32_t number, const char* why) {
         if (number != 0)
             log_error("%u of %zu %s could not be read: %s", static_cast<unsigned>(number), total, what, why);
     };
     report(tries.unanswered(), "no answer");
     report(tries.queued(), "queued by the modem");
+    report(tries.withheld(), "refused or cut by the modem");
 }
 
 // Begins a chunk at the end of the file.
@@ -285,9 +290,11 @@ void begin_chunk(FILE* file, const NvChunkHeader& chunk)
 void append_file(FILE* file, NvChunkHeader& chunk, const std::string& path, uint32_t size,
                  std::span<const uint8_t> contents)
 {
-    if (contents.size() != (size & 0xFFFF))
+    if (contents.size() != (size & 0xFFFF)) {
+        ++s_unread;
         log_warning("%s: saved %zu of %u bytes; a restore loses what is behind it", path.c_str(), contents.size(),
                     static_cast<unsigned>(size));
+    }
     const auto record = file_record(path, size, contents);
     write_record(file, record);
     ++chunk.count;
@@ -313,7 +320,7 @@ void list_files(NvChunkReader& records, uint32_t count)
     for (uint32_t i = 0; i < count; ++i) {
         const auto path = records.read_path();
         if (path)
-            log_info("%4d %s", static_cast<int>(i), path->c_str());
+            log_info("%4d %s", static_cast<int>(i), printable(*path).c_str());
         const auto length = path ? records.read_number() : std::nullopt;
         if (!length || !records.skip(*length)) {
             log_error("NV backup file ends inside record %d", static_cast<int>(i));
@@ -371,6 +378,7 @@ int32_t NvItemBackup(const std::string& file_name)
     const int32_t result = sync_backup(file, file_name);
     log_info(">>> Totally backed up %d NV items.", static_cast<int>(chunk.count));
     report_unread(get, NvItemList.size(), "NV items");
+    s_unread += refused;
     if (refused != 0)
         log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
                     static_cast<unsigned>(refused));

@@ -22,7 +22,8 @@
 // anything but two chunks.
 [[nodiscard]] int32_t EfsFileBackup(const std::string& file_name);
 
-// How many values the modem did not give in the last three passes, for want of an answer. Those that it refused, or
+// How many values of the modem are not in the backup as it has them, after the last three passes: those that it did not
+// give, or not whole, and those that the format cannot hold. Items that it refuses by a status of theirs, and what it
 // does not have, are none of them.
 [[nodiscard]] uint32_t nv_values_unread();
 

@@ -96,9 +96,9 @@ int32_t try_to_open_efs_file(const std::string& path)
     if (status != 0 && status != refused)
         return status; // no answer: opened as a new one, a file that is there would keep its tail
     if (status == 0)
-        log_info("%s exists - overwrite it", path.c_str());
+        log_info("%s exists - overwrite it", printable(path).c_str());
     else
-        log_info("%s doesn't exist - create it", path.c_str());
+        log_info("%s doesn't exist - create it", printable(path).c_str());
     return efs2_open_file(path, status == 0 ? write_over : write_new, open_to_all);
 }
 
@@ -110,7 +110,7 @@ int32_t open_efs_file(const std::string& path)
     if (descriptor < refused)
         descriptor = try_to_open_efs_file(path);
     if (descriptor < refused)
-        log_error("No answer to opening %s, it may be empty on the modem", path.c_str());
+        log_error("No answer to opening %s, it may be empty on the modem", printable(path).c_str());
     return descriptor;
 }
 
@@ -121,12 +121,12 @@ int32_t write_pieces(int32_t descriptor, std::span<const uint8_t> data, const st
         const auto piece = data.subspan(offset).first(std::min<size_t>(data.size() - offset, transfer_piece));
         const int32_t written = efs2_write_file(descriptor, piece, static_cast<uint32_t>(offset));
         if (written < 0) {
-            log_error("Failed to write EFS file: %s", path.c_str());
+            log_error("Failed to write EFS file: %s", printable(path).c_str());
             return 1;
         }
         if (static_cast<size_t>(written) < piece.size()) {
             log_error("Failed to write %d bytes (only %d) to EFS file: %s", static_cast<int>(piece.size()), written,
-                      path.c_str());
+                      printable(path).c_str());
             return 1;
         }
         offset += piece.size();
@@ -570,7 +570,7 @@ int32_t write_nvitemfile(const std::string& path, std::span<const uint8_t> data)
 {
     seq_out = ++seq_num;
     if (efs2_put_file(path, data, item_file_flags, seq_out) < 0) {
-        log_error("Failed to put nv file: %s", path.c_str());
+        log_error("Failed to put nv file: %s", printable(path).c_str());
         return 1;
     }
     return 0;
@@ -580,7 +580,7 @@ int32_t write_efsfile(const std::string& path, std::span<const uint8_t> data)
 {
     const int32_t descriptor = open_efs_file(path);
     if (descriptor < 0) {
-        log_warning("Failed to open %s, skip it\n", path.c_str());
+        log_warning("Failed to open %s, skip it\n", printable(path).c_str());
         return 1;
     }
     const int32_t result = write_pieces(descriptor, data, path);

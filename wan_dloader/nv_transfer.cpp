@@ -112,7 +112,7 @@ Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequenc
         ++sequence;
         if (piece.empty() || !in_order) {
             log_warning("Skip %s", path.c_str());
-            return in_order ? Fetch::left_out : Fetch::unanswered;
+            return in_order ? Fetch::withheld : Fetch::unanswered;
         }
         data.insert(data.end(), piece.begin(), piece.end());
         const auto received = static_cast<uint32_t>(piece.size()); // at most what remained

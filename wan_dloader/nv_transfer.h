@@ -52,13 +52,14 @@ constexpr uint8_t bad_spc_code = 0x42;
 // What came of reading one value of the modem.
 enum class Fetch {
     got,
-    left_out,   // the modem has none, refuses it, or gives less than it has
+    left_out,   // the modem has none of this name and kind
+    withheld,   // the modem has one, but refuses it or gives less than it has
     unanswered, // or the answer was one to another request
     queued,     // taken by the modem for later, which never came
 };
 
 // Fetches the item file `path`, whose size the modem gave as `size`, in pieces, each with the number `sequence`, which
-// is raised by one after each. Fetch::got with the bytes in `data`. Else a WARNING that the file is skipped: left out
+// is raised by one after each. Fetch::got with the bytes in `data`. Else a WARNING that the file is skipped: withheld
 // when the modem refuses a piece or does not answer (of which the exchange keeps count), unanswered when it answers
 // with another number (adopted, and raised). A modem that gives less than it was asked for is not noticed here: the
 // data are short then.

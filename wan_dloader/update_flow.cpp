@@ -117,7 +117,7 @@ bool has_whole_backup()
     const uint32_t unread = nv_values_unread();
     if (unread == 0 || s_force_fw_update != 0)
         return true;
-    log_error("Nothing is erased: %u values of the modem are missing in its backup", static_cast<unsigned>(unread));
+    log_error("Nothing is erased: %u values of the modem are not whole in its backup", static_cast<unsigned>(unread));
     return false;
 }
 

@@ -186,25 +186,27 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     EXPECT_EQ(r.status, 0);
     EXPECT_THAT(
         complaints_of(r),
-        ElementsAre(
-            "E Timeout!", "W NV item (0): no answer", "W NV item (5): Parameter is write-protected and thus read-only.",
-            "W NV item (10): Request is queued.", "E Timeout!", "W NV item (10): no answer",
-            "W NV item (18): Unknown status - 11", "E Timeout!", "W NV item (20): no answer",
-            "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: queued by the modem",
-            "W Stored as zeros, which a restore writes, since the modem refused them: 1",
-            "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
-            "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
-            "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff", "E Permission denied.",
-            "W Skip /nv/item_files/modem/mmode/ue_usage_setting", "W Seq number is not matched: in - 4, out - 5",
-            "W Skip /nv/item_files/modem/uim/gstk/tp_clients", "W Seq number is not matched: in - 6, out - 7",
-            "W Skip /nv/item_files/modem/uim/gstk/tp_clients", "E Timeout!",
-            "W Skip /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
-            "W Response announces 512 bytes, 300 taken",
-            "E /nv/item_files/modem/uim/uimdrv/me_hotswap_configuration came short of its 512 bytes, skip it!",
-            "E 1 of 189 NV item files could not be read: no answer",
-            "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
-            "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
-            "W Failed to read /nv/item_files/rfnv/00022975, skip it!", "E EFS2 STAT response is cut: 12 bytes"));
+        ElementsAre("E Timeout!", "W NV item (0): no answer",
+                    "W NV item (5): Parameter is write-protected and thus read-only.",
+                    "W NV item (10): Request is queued.", "E Timeout!", "W NV item (10): no answer",
+                    "W NV item (18): Unknown status - 11", "E Timeout!", "W NV item (20): no answer",
+                    "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: queued by the modem",
+                    "W Stored as zeros, which a restore writes, since the modem refused them: 1",
+                    "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
+                    "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
+                    "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff",
+                    "E Permission denied.", "W Skip /nv/item_files/modem/mmode/ue_usage_setting",
+                    "W Seq number is not matched: in - 4, out - 5", "W Skip /nv/item_files/modem/uim/gstk/tp_clients",
+                    "W Seq number is not matched: in - 6, out - 7", "W Skip /nv/item_files/modem/uim/gstk/tp_clients",
+                    "E Timeout!", "W Skip /nv/item_files/modem/uim/uimdrv/hotswap_card_inserted_level",
+                    "W Response announces 512 bytes, 300 taken",
+                    "E /nv/item_files/modem/uim/uimdrv/me_hotswap_configuration came short of its 512 bytes, skip it!",
+                    "E 1 of 189 NV item files could not be read: no answer",
+                    "E 2 of 189 NV item files could not be read: refused or cut by the modem",
+                    "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
+                    "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
+                    "W Failed to read /nv/item_files/rfnv/00022975, skip it!", "E EFS2 STAT response is cut: 12 bytes",
+                    "E 3 of 8 EFS files could not be read: refused or cut by the modem"));
     EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  707\n");
 
     // The item that was refused for want of the programming code has the bytes of the request.

@@ -69,15 +69,18 @@ class OtherChips : public FirmwareUpdate, public ::testing::WithParamInterface<s
 // What the run would end for is found out while the modem still has everything.
 struct Unsafe {
     const char* name;
-    std::string modem, package, disk, error;
+    std::string modem, package, disk, error, item_file = {}; // of 600 bytes
 };
+const std::string not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
 const Unsafe unsafe[] = {
     {"WithoutProgrammer", "", "--without ENPRG9x15.hex", "", "Not found emergency downloader"},
     {"WithoutTable", "", "--without partition.mbn", "", "Unable to open partition file /sdcard/firmware/partition.mbn"},
     {"WithoutRoom", "", "--size 1000000", "mount -t tmpfs -o size=40k none /data && ",
      "No room in /data for the Linux images: .* bytes needed, .* free"},
-    {"WithoutBackup", "--fault drop@4 --fault drop@5", "", "",
-     "Nothing is erased: 1 values of the modem are missing in its backup"},
+    {"Unanswered", "--fault drop@4 --fault drop@5", "", "", not_whole},
+    {"Refused", "--fault error@4:0x42", "", "", not_whole},
+    {"Withheld", "--fault refuse@" + std::to_string(4 + NvItemList.size() + 2) + ":13", "", "", not_whole},
+    {"TooLong", "", "", "", not_whole, "/nv/item_files/jcdma/jcdma_mode"},
 };
 
 void PrintTo(const Unsafe& row, std::ostream* out)
@@ -150,6 +153,8 @@ TEST_P(UnsafeErase, IsRefused)
     const Unsafe& row = GetParam();
     modem("normal --revision RIDGE_01_05_0E --apps VA1 " + row.modem);
     package(newer + " " + row.package);
+    if (!row.item_file.empty())
+        write_file("/modem/efs" + row.item_file, std::string(600, 'x'));
     remember();
     const Result r = run("unshare -rm sh -c '" + row.disk + update + "-E'");
     EXPECT_EQ(r.status, 1);
