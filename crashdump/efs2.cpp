@@ -174,8 +174,9 @@ int32_t s_efs2_verbose = 0;
 
 // The request as it is built, and then the reply in its place.
 std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
-size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
-uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
+size_t s_efs2_rsp_len = 0;        // bytes of the reply; 0 when none came
+uint32_t s_efs2_error = 0;        // number in it, of an operation that was refused
+bool s_efs2_reply_is_due = false; // to the request before
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
@@ -220,13 +221,31 @@ void begin_request(uint16_t command)
     return length;
 }
 
+// Sends a request and waits for its reply, which the exchange holds then. Returns the exchange's result.
+[[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
+{
+    s_efs2_req_header = get_le32(request, 0);
+    const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
+    s_efs2_reply_is_due = result != exchange_accepted;
+    return result;
+}
+
+// The modem answers in order: what it still had to say comes before the reply to a query. Returns the exchange's
+// result.
+[[nodiscard]] int32_t let_late_replies_pass()
+{
+    constexpr std::array<uint8_t, query_packet::request_size> query = {efs2_packet::code, efs2_packet::subsystem,
+                                                                       query_packet::command};
+    return await_reply(query);
+}
+
 // Sends the first `length` bytes of the buffer. Returns the exchange's result. The reply is copied here and not by the
 // filter, which would write into a request that is still being sent, or into the next one after a time-out.
 [[nodiscard]] int32_t exchange(size_t length)
 {
-    s_efs2_req_header = get_le32(s_efs2_rsp, 0);
-    const auto request = std::span(s_efs2_rsp).first(length);
-    const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
+    int32_t result = s_efs2_reply_is_due ? let_late_replies_pass() : exchange_accepted;
+    if (result == exchange_accepted)
+        result = await_reply(std::span(s_efs2_rsp).first(length));
     if (result != exchange_accepted)
         return result;
     s_efs2_rsp_len = std::min<size_t>(sResponseLen, s_efs2_rsp.size());

@@ -71,10 +71,9 @@ struct ServiceBuffer {
 };
 
 // Sends the first `length` bytes of the buffer as a request of the service, its header put in front. False after an
-// ERROR when no answer came. A DIAG error reply, whose meaning the filter has printed, is not an answer either: what
-// stands at the answer's offsets is an echo of the request.
-[[nodiscard]] bool exchange_service(ServiceBuffer& buffer, uint8_t sub_command, size_t length,
-                                    size_t capacity = modem_service::buffer_size)
+// ERROR when nothing came back. What came may be a DIAG error reply, whose meaning the filter has printed.
+[[nodiscard]] bool send_to_service(ServiceBuffer& buffer, uint8_t sub_command, size_t length,
+                                   size_t capacity = modem_service::buffer_size)
 {
     put_u8(buffer.bytes, 0, modem_service::code);
     put_u8(buffer.bytes, 1, 0);
@@ -84,7 +83,17 @@ struct ServiceBuffer {
     ResponseBuffer response = {static_cast<uint32_t>(capacity), 0, buffer.bytes.data()};
     const int32_t result = send_diag_request(std::span(buffer.bytes).first(length), response);
     buffer.length = response.length;
-    if (result == 0 && get_u8(buffer.answer(), 0) == modem_service::code)
+    if (result != 0)
+        log_error("%s", no_response);
+    return result == 0;
+}
+
+// The same where the answer is looked at. A DIAG error reply is none: an echo of the request stands at its offsets.
+[[nodiscard]] bool exchange_service(ServiceBuffer& buffer, uint8_t sub_command, size_t length)
+{
+    if (!send_to_service(buffer, sub_command, length))
+        return false;
+    if (get_u8(buffer.answer(), 0) == modem_service::code)
         return true;
     log_error("%s", no_response);
     return false;
@@ -322,8 +331,9 @@ void run_modem_cmd(const std::string& name)
 
         const auto end = std::ranges::copy(line, buffer.bytes.begin() + modem_service::line_at).out;
         *end = '\0';
-        if (!exchange_service(buffer, modem_service::run, modem_service::line_at + line.size() + 1,
-                              modem_service::run_buffer_size))
+        // Whether the modem could run it is not known in any case: that it is there is enough for the next line.
+        if (!send_to_service(buffer, modem_service::run, modem_service::line_at + line.size() + 1,
+                             modem_service::run_buffer_size))
             return;
     }
 }

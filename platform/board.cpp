@@ -189,7 +189,7 @@ int32_t get_board_id(std::span<char> buf)
         return result;
 
     if (const char* description = get_device_desc()) {
-        log_info("%s:", printable(description).c_str());
+        log_info("%s:", description); // the line feed of its file included
         log_info("\tType code: %c%c%c", shown(buf[0]), shown(buf[1]), shown(buf[2]));
         log_info("\tRevision : %c%c ", shown(buf[3]), shown(buf[4]));
         log_info("\tVariant  : %c%c ", shown(buf[5]), shown(buf[6]));
@@ -200,7 +200,7 @@ int32_t get_board_id(std::span<char> buf)
     if (type >= 0 && static_cast<size_t>(type) < std::size(s_device_types))
         log_info("Device type: %s", s_device_types[type]);
     else
-        log_warning("Unknown device: %s", printable({buf.data(), strnlen(buf.data(), buf.size())}).c_str());
+        log_warning("Unknown device: %.*s", static_cast<int>(strnlen(buf.data(), buf.size())), buf.data());
     return type;
 }
 

@@ -44,6 +44,7 @@ int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
 bool s_queued = false;        // the modem has answered it by taking it for later
+bool s_withheld = false;      // or by something else than the value that it has
 int s_late_item = -1;         // the last one that was not answered in time; its answer may still come
 
 // Opens the file of a pass; empty with an ERROR when that fails.
@@ -100,8 +101,10 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     if (get_le16(response, nv_packet::status_at) != 0) {
         const int32_t waits_on = judge_nv_status(response);
         s_queued = waits_on != 0;
+        s_withheld = !has_no_nv_item_to_restore(response);
         return waits_on;
     }
+    s_withheld = other_index;
     if (other_index)
         log_warning("NV item (%d): index %d instead of %d", item, index, asked);
     if (s_nv_file != nullptr) {
@@ -117,7 +120,7 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
 }
 
 // `indexed`: other rows have the same item. A WARNING when the modem says nothing; else what came of it is in the file,
-// or in the log.
+// or in the log. Fetch::got also when the modem has no such item.
 Fetch read_nv_item(const NvItemRow& row, bool indexed)
 {
     {
@@ -128,11 +131,14 @@ Fetch read_nv_item(const NvItemRow& row, bool indexed)
         put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
         s_indexed = indexed;
         s_queued = false;
+        s_withheld = false;
     }
-    if (SendPktAndWait(DiagNvPkt, 0) == exchange_accepted)
-        return Fetch::got;
-    log_warning("NV item (%d): no answer", row.item);
+    const bool answered = SendPktAndWait(DiagNvPkt, 0) == exchange_accepted;
+    if (!answered)
+        log_warning("NV item (%d): no answer", row.item);
     const std::lock_guard lock(s_nv_mutex);
+    if (answered)
+        return s_withheld ? Fetch::withheld : Fetch::got;
     s_late_item = row.item;
     return s_queued ? Fetch::queued : Fetch::unanswered;
 }
@@ -156,6 +162,14 @@ std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::sp
     return record;
 }
 
+// What is stored as the other kind of file has data all the same; a directory has none.
+Fetch other_kind(const Efs2Stat& status)
+{
+    const uint32_t type = status.mode & efs2_mode::type_bits;
+    const bool has_data = type == efs2_mode::regular_file || type == efs2_mode::item_file;
+    return has_data && status.size != 0 ? Fetch::withheld : Fetch::left_out;
+}
+
 // The contents of an item file; a WARNING when the modem has none of this name and kind, or does not give it.
 Fetch get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& status, std::vector<uint8_t>& contents)
 {
@@ -165,7 +179,7 @@ Fetch get_item_file(const std::string& path, uint16_t& sequence, Efs2Stat& statu
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::item_file) {
         log_warning("%s is not a NV item file: 0x%x", path.c_str(), static_cast<unsigned>(status.mode));
-        return Fetch::left_out;
+        return other_kind(status);
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {
@@ -191,7 +205,7 @@ Fetch get_efs_file(const std::string& path, Efs2Stat& status, std::vector<uint8_
     }
     if ((status.mode & efs2_mode::type_bits) != efs2_mode::regular_file) {
         log_warning("%s is not an EFS file: 0%o", path.c_str(), static_cast<unsigned>(status.mode));
-        return Fetch::left_out;
+        return other_kind(status);
     }
     log_info("Get file: %s, size: %d", path.c_str(), static_cast<int>(status.size));
     if (status.size > largest_record) {

@@ -34,6 +34,7 @@ bool is_chunk_tag(uint32_t tag)
 bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileContents& contents)
 {
     int32_t previous = -1; // NV item
+    uint32_t entry = 0;    // of those of that item
     for (uint32_t i = 0; i < chunk.count; ++i) {
         if (chunk.tag == nv_chunk_header::nv_items) {
             std::array<uint8_t, nv_item_record::size> record{};
@@ -43,10 +44,13 @@ bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileCon
             // Items in a row have indexes, which stand in their first byte also where the modem refused the rest.
             const uint16_t item = get_le16(record, nv_item_record::item_at);
             const size_t index_size = item == previous ? 1 : 0;
+            entry = item == previous ? entry + 1 : 0;
             previous = item;
             const auto data = std::span(record).subspan(nv_item_record::data_at + index_size);
-            if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; }))
+            if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; })) {
                 ++contents.filled_items;
+                contents.names.push_back(std::to_string(item) + "/" + std::to_string(entry));
+            }
             continue;
         }
         const auto path = records.read_path();
@@ -56,6 +60,7 @@ bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileCon
         const bool item_file = chunk.tag == nv_chunk_header::nv_item_files;
         ++(item_file ? contents.item_files : contents.efs_files);
         (item_file ? contents.item_file_bytes : contents.efs_file_bytes) += *length;
+        contents.names.push_back(*path);
     }
     return records.at_end();
 }
@@ -121,7 +126,7 @@ bool NvFileContents::holds_less_than(const NvFileContents& other) const
 {
     return items < other.items || filled_items < other.filled_items || item_files < other.item_files ||
            item_file_bytes < other.item_file_bytes || efs_files < other.efs_files ||
-           efs_file_bytes < other.efs_file_bytes;
+           efs_file_bytes < other.efs_file_bytes || !std::ranges::includes(names, other.names);
 }
 
 std::string NvFileContents::text() const
@@ -148,9 +153,12 @@ NvFileContents nv_file_contents(const std::string& path)
         // One damaged record hides those behind it in its chunk, but not the other chunks.
         whole =
             is_chunk_tag(chunk.tag) && count_records(records, chunk, contents) && whole && chunk.tag == chunk_order[i];
-        if (feof(file.get()) != 0 || !records.skip_rest())
-            return contents;
+        if (feof(file.get()) != 0 || !records.skip_rest()) {
+            whole = false;
+            break;
+        }
     }
+    std::ranges::sort(contents.names);
     contents.whole = whole && ftello(file.get()) == nv_file_size(file.get());
     return contents;
 }
@@ -219,15 +227,22 @@ std::optional<std::string> NvChunkReader::read_path()
     return path;
 }
 
-bool NvChunkReader::at_file_record() const
+bool NvChunkReader::file_record_at(uint32_t ahead) const
 {
     const off_t position = ftello(file_);
+    const int64_t behind = nv_file_size(file_) - position - int64_t{ahead}; // bytes of the file
+    if (ahead >= left_ || behind <= 0)
+        return true;
+    const bool is_cut = behind < int64_t{left_} - int64_t{ahead};
+    (void)fseeko(file_, static_cast<off_t>(ahead), SEEK_CUR);
     std::array<uint8_t, sizeof(uint16_t) + 1> head{}; // length, first character
-    const size_t count = fread(head.data(), 1, head.size(), file_);
-    bool result = at_end() || count == 0;
-    if (const uint16_t length = get_le16(head, 0); !result && count == head.size() && length > 1) {
-        std::vector<uint8_t> rest(length - size_t{1});
-        result = head.back() == '/' && fread(rest.data(), 1, rest.size(), file_) == rest.size() && rest.back() == 0;
+    bool result = is_cut;
+    if (fread(head.data(), 1, head.size(), file_) == head.size()) {
+        const uint16_t length = get_le16(head, 0);
+        std::vector<uint8_t> rest(length > 1 ? length - size_t{1} : 0);
+        const size_t count = fread(rest.data(), 1, rest.size(), file_);
+        const bool has_end = count == rest.size() ? !rest.empty() && rest.back() == 0 : is_cut;
+        result = head.back() == '/' && has_end;
     }
     (void)fseeko(file_, position, SEEK_SET);
     return result;

@@ -20,6 +20,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace nv_file_header {
 constexpr uint32_t magic_1 = 0x4E560001, magic_2 = 0x424B5550, version = 0x00010000;
@@ -67,8 +68,9 @@ struct NvFileContents {
     uint64_t items, filled_items; // NV items, and those of them that are not all zero but for an index
     uint64_t item_files, item_file_bytes; // of data
     uint64_t efs_files, efs_file_bytes;
+    std::vector<std::string> names = {}; // of all files, and of the items that are not zero; sorted
 
-    // Whether `other` has more of anything.
+    // Whether `other` has more of anything, or anything that is not here.
     [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
     // "3 NV items (1 not zero), 2 item files (10 bytes), 1 EFS file (5 bytes)", for a message.
     [[nodiscard]] std::string text() const;
@@ -102,9 +104,9 @@ public:
     // Leaves out the rest of the chunk.
     [[nodiscard]] bool skip_rest() { return skip(left_); }
     [[nodiscard]] bool at_end() const { return left_ == 0; }
-    // Whether what was read can have been a whole record of a file: behind it the chunk or the file ends, or stands a
-    // path from the modem's root. A record with a wrong length ends anywhere.
-    [[nodiscard]] bool at_file_record() const;
+    // Whether a file's record can begin `ahead` bytes from here: the chunk or the file ends there or before, or a path
+    // from the modem's root follows, whole or cut by the file's end. A record with a wrong length ends anywhere.
+    [[nodiscard]] bool file_record_at(uint32_t ahead) const;
 
 private:
     FILE* file_;

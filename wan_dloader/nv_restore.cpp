@@ -222,10 +222,10 @@ struct FileRecord {
     std::vector<uint8_t> data;
 };
 
-// Reads record `number` and logs its path. Nothing, with an ERROR, where the chunk or the file ends inside, or,
-// in a damaged file, the record ends where no other can begin: its data would be cut or hold those of others, and go
-// over good ones.
-std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t number)
+// Reads record `number` of a chunk of kind `tag` and logs its path. Nothing, with an ERROR, where the chunk or the file
+// ends inside, or, in a damaged file, the record ends where no other can begin: its data would be cut or hold those of
+// others, and go over good ones.
+std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t tag, uint32_t number)
 {
     FileRecord record;
     const auto path = records.read_path();
@@ -236,16 +236,17 @@ std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t numb
     }
     const std::string name = printable(*path);
     log_info("\t%4d %s", static_cast<int>(number), name.c_str());
+    // The record of a long item file may hold less than it says, and what follows is taken for the rest.
+    const uint32_t stored = tag == nv_chunk_header::nv_item_files ? fetched_of_nvitemfile(*length) : *length;
+    if (s_is_damaged && !records.file_record_at(*length) && !records.file_record_at(stored)) {
+        log_error("NV backup file is damaged at record %d: %s", static_cast<int>(number), name.c_str());
+        return std::nullopt;
+    }
     record.path = *path;
     record.data.resize(*length);
     if (!records.read(record.data)) {
         // Names the plain backup while the golden copy is restored, too; readers of logs know this text.
         log_error("Failed to read file: %s for %s record", backup_path, name.c_str());
-        return std::nullopt;
-    }
-    // A long item file always does: its record holds its first piece alone.
-    if (s_is_damaged && record.data.size() <= transfer_piece && !records.at_file_record()) {
-        log_error("NV backup file is damaged at record %d: %s", static_cast<int>(number), name.c_str());
         return std::nullopt;
     }
     return record;
@@ -261,7 +262,7 @@ int32_t NvItemFileRestore(const std::string& file_name)
     uint32_t failed = 0;
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
-        const auto record = read_file_record(records, i);
+        const auto record = read_file_record(records, chunk.header.tag, i);
         if (!record) {
             ++s_unrestored;
             break;
@@ -287,7 +288,7 @@ int32_t EfsFileRestore(const std::string& file_name)
     NvChunkReader records(chunk.file.get(), chunk.header);
     for (uint32_t i = 0; i < chunk.header.count; ++i) {
         // Read whole before the modem's file is touched: a damaged backup must not cut a good one.
-        const auto record = read_file_record(records, i);
+        const auto record = read_file_record(records, chunk.header.tag, i);
         if (!record) {
             ++s_unrestored;
             break;

@@ -100,6 +100,14 @@ int32_t judge_nv_status(std::span<const uint8_t> response)
     return status == queued ? 1 : 0;
 }
 
+bool has_no_nv_item_to_restore(std::span<const uint8_t> response)
+{
+    constexpr uint16_t not_active = 5, bad_parameter = 6, write_protected = 7, not_valid_for_target = 8;
+    const uint16_t status = get_le16(response, nv_packet::status_at);
+    return status == not_active || status == bad_parameter || status == write_protected ||
+           status == not_valid_for_target;
+}
+
 Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence, std::vector<uint8_t>& data)
 {
     data.clear();
@@ -120,5 +128,18 @@ Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequenc
         if (received >= remaining)
             return Fetch::got;
         remaining -= received;
+    }
+}
+
+uint32_t fetched_of_nvitemfile(uint32_t size)
+{
+    uint32_t fetched = 0;
+    for (uint32_t remaining = size;;) {
+        const uint32_t piece = std::min(remaining, transfer_piece);
+        fetched += piece;
+        remaining -= piece;
+        if (piece >= remaining)
+            return fetched;
+        remaining -= piece;
     }
 }

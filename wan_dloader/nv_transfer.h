@@ -49,6 +49,10 @@ constexpr uint8_t bad_spc_code = 0x42;
 // request. Any status but 0 is a WARNING. Reader thread.
 [[nodiscard]] int32_t judge_nv_status(std::span<const uint8_t> response);
 
+// Whether the status of the NV response `response` says that the modem has no such item, index or value, or keeps it
+// from being written, so that no restore could. Any thread.
+[[nodiscard]] bool has_no_nv_item_to_restore(std::span<const uint8_t> response);
+
 // What came of reading one value of the modem.
 enum class Fetch {
     got,
@@ -69,3 +73,6 @@ enum class Fetch {
 // how existing backups were made.
 [[nodiscard]] Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
                                      std::vector<uint8_t>& data);
+
+// How many bytes that fetches of an item file of `size` bytes.
+[[nodiscard]] uint32_t fetched_of_nvitemfile(uint32_t size);

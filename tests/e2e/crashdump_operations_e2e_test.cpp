@@ -165,7 +165,7 @@ const Operation operations[] = {
      "echo ls > a; c -t RUN:a; c -t PULL:/etc/version; c -t DMESG", 0,
      "/data/a\nRUN: ls\nInvalid Command Response\n13 4B 00 51 ......, len=9\n"
      "/data/version\nInvalid Command Response\n13 4B 00 51 ......, len=20\n"
-     "Invalid Command Response\n13 4B 00 51 ......, len=7\n", Texts(3, no_answer),
+     "Invalid Command Response\n13 4B 00 51 ......, len=7\n", Texts(2, no_answer),
      {"8: 4B 00 51 00 09 6C", get_file, "6: 4B 00 51 00 08 00"}, ""},
     {"TransfersThatCannotBegin", "normal",
      "c -t RUN:none; c -t PUSH:a; c -t PUSH:none,/a,b; c -t PULL:/etc/; c -t PULL:$(printf %01100d 0)/f", 0,

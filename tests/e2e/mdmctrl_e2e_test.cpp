@@ -362,7 +362,7 @@ TEST_F(MdmctrlFiles, TellTheBoard)
         {none, "0010 and so on", none, "not without a name", type("QUAIL")},
         {none, "0b01020300000001\n", none, none, unknown("0b01020300000001")},
         {none, "1c01020300000001\n", none, none, unknown("1c01020300000001")},
-        {none, "0b\nERROR:#x#", none, none, unknown("0b ERROR:#x#")}, // no record of its own
+        {none, "0b\nERROR:#x#", none, none, unknown("0b\nERROR:#x#")}, // its line feed stays on the console
         {none, "001", none, none, unknown("001")},
         {none, "\0c12"s, none, none, unknown("")},
         {none, "\xff\xfe\x80", none, none, unknown("\xff\xfe\x80")},
@@ -372,8 +372,8 @@ TEST_F(MdmctrlFiles, TellTheBoard)
         {none, "", none, none, unreadable_id},
         {none, none, "Falcon", none, "ERROR:#read_board_id failed: unknown device!#\n"},
 
-        {none, osprey, "Falcon\n", none, falcon("Falcon ")},
-        {none, osprey, "Falcon\nnot this\n", "Second\nnot this\n", falcon("Falcon  Second ")},
+        {none, osprey, "Falcon\n", none, falcon("Falcon\n")},
+        {none, osprey, "Falcon\nnot this\n", "Second\nnot this\n", falcon("Falcon\n Second\n")},
         {none, osprey, "Falcon", "Second", falcon("Falcon Second")},
         {none, osprey, "Falcon", "", falcon("Falcon ")},
         {none, osprey, "", none, falcon("")},
@@ -381,7 +381,7 @@ TEST_F(MdmctrlFiles, TellTheBoard)
         {none, osprey, "%s%n", "%n", falcon("%s%n %n")},
         {none, osprey, std::string(1 << 20, 'a'), none, falcon(a60 + "aa")},
         {none, osprey, a60 + "aabc", "Second", falcon(a60 + "aa ")},
-        {none, osprey, a60 + "\n", "Second", falcon(a60 + "  ")},
+        {none, osprey, a60 + "\n", "Second", falcon(a60 + "\n ")},
         {none, osprey, a60, "Second", falcon(a60 + " S")},
         {none, osprey, "Falcon", std::string(1 << 20, 'b'), falcon("Falcon " + std::string(55, 'b'))},
         {none, "1b", "Falcon", none, product("Falcon", "1b ", "  ") + variant("  ")},

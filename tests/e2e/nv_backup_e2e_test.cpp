@@ -138,16 +138,18 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
 TEST_F(NvBackup, HoldsWhatTheModemGave)
 {
     // Replies: to the offline request, items, hello, query, radio files; then two to each file that there is.
-    // What has no answer, or one to another request, is asked for twice; an item that is queued is not.
-    const size_t before = 2 + NvItemList.size() + 1 + 2 + 153;
+    // What has no answer, or one to another request, is asked for twice, a file behind a query; an item that is queued
+    // is not.
+    // After the last radio file, whose answer comes when it is asked for again, a query and its second answer.
+    const size_t late = 2 + NvItemList.size() + 1 + 2 + 152, before = late + 3;
     const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
         return " --fault " + word + "@" + std::to_string(reply) + argument;
     };
     modem("normal" + fault("drop", 2) + fault("delay", 7, ":5500") + fault("delay", 8, ":100") +
-          fault("error", 9, ":0x42") + fault("refuse", before + 8, ":13") + fault("sequence", before + 12) +
-          fault("sequence", before + 14) + fault("drop", before + 16) + fault("short", before + 20, ":314") +
-          fault("refuse", before + 61, ":13") + fault("refuse", before + 65, ":16") +
-          fault("short", before + 67, ":12"));
+          fault("error", 9, ":0x42") + fault("delay", late, ":5500") + fault("delay", late + 1, ":30") +
+          fault("refuse", before + 8, ":13") + fault("sequence", before + 12) + fault("sequence", before + 14) +
+          fault("drop", before + 16) + fault("short", before + 21, ":314") + fault("refuse", before + 62, ":13") +
+          fault("refuse", before + 66, ":16") + fault("short", before + 68, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},
@@ -191,7 +193,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
                     "W NV item (10): Request is queued.", "E Timeout!", "W NV item (10): no answer",
                     "W NV item (18): Unknown status - 11", "E Timeout!", "W NV item (20): no answer",
                     "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: queued by the modem",
-                    "W Stored as zeros, which a restore writes, since the modem refused them: 1",
+                    "E 1 of 1489 NV items could not be read: refused or cut by the modem",
+                    "W Stored as zeros, which a restore writes, since the modem refused them: 1", "E Timeout!",
                     "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
                     "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
                     "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff",
@@ -202,11 +205,11 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
                     "W Response announces 512 bytes, 300 taken",
                     "E /nv/item_files/modem/uim/uimdrv/me_hotswap_configuration came short of its 512 bytes, skip it!",
                     "E 1 of 189 NV item files could not be read: no answer",
-                    "E 2 of 189 NV item files could not be read: refused or cut by the modem",
+                    "E 3 of 189 NV item files could not be read: refused or cut by the modem",
                     "W /nv/item_files/rfnv/00020090 is not an EFS file: 0160777", "E Permission denied.",
                     "W Failed to open /nv/item_files/rfnv/00022967, skip it!", "E Device or resource is busy",
                     "W Failed to read /nv/item_files/rfnv/00022975, skip it!", "E EFS2 STAT response is cut: 12 bytes",
-                    "E 3 of 8 EFS files could not be read: refused or cut by the modem"));
+                    "E 4 of 8 EFS files could not be read: refused or cut by the modem"));
     EXPECT_EQ(r.out, "chunk size:  390\nchunk size:  707\n");
 
     // The item that was refused for want of the programming code has the bytes of the request.

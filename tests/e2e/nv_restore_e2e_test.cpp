@@ -87,6 +87,8 @@ const std::vector<Damage> cut_early = {
 };
 const std::vector<Damage> cut_late = {
     {"between files", cut(record_b), {inside(1), no_efs_files}, 3, "a"},
+    {"in the second path's length", cut(record_b + 1), {inside(1), no_efs_files}, 3, "a"},
+    {"in the second path", cut(record_b + 5), {inside(1), no_efs_files}, 3, "a"},
     {"in the last data", cut(efs_files_at - 1), {no_data("/sd/b"), no_efs_files}, 3, "a"},
     {"behind the item files", cut(efs_files_at), {no_efs_files}, 3, "ab"},
     {"in the third header", cut(efs_files_at + 9), {inside(0)}, 3, "ab"},
@@ -120,6 +122,8 @@ const std::vector<Damage> odd_records = {
     {"no path", with(record_a, le16(0)), {no_data("")}, 3, "ef"},
     {"data cut", with(record_a + 19, le16(2)), {damaged(0, "/nv/item_files/a")}, 3, "ef"},
     {"data of the next", with(record_a + 19, le16(30)), {damaged(0, "/nv/item_files/a")}, 3, "ef"},
+    {"data of the next, for a long one's", with(record_a + 19, le16(515)), {damaged(0, "/nv/item_files/a")}, 3, "ef"},
+    {"long data cut", with(record_e + 8, le16(516)), {damaged(0, "/sd/e")}, 3, "ab"},
     {"last data cut", with(record_f + 8, le16(1)), {damaged(1, "/sd/f")}, 3, "abe"},
     {"path without zero", with(record_a + 18, "x"), {}, 3, "xbef", true},
     {"data beyond the chunk", with(record_a + 19, "\xFF\xFF"), {no_data("/nv/item_files/a")}, 3, "ef"},
@@ -225,7 +229,7 @@ TEST_F(NvRestore, GoesOnWhereTheModemRefuses)
 // The modem opens the files, and so empties them, but says so only once.
 TEST_F(NvRestore, OpensAFileAgainWhenTheAnswerIsLost)
 {
-    modem("normal --fault drop@9 --fault drop@16 --fault drop@18");
+    modem("normal --fault drop@9 --fault drop@17 --fault drop@20");
     write_file(backup, good_backup);
     fill("efs", {{"sd/e", std::string(700, 'x')}, {"sd/f", "old"}});
     const auto r = run("tessel wan_dloader -nr");

@@ -69,7 +69,8 @@ class OtherChips : public FirmwareUpdate, public ::testing::WithParamInterface<s
 // What the run would end for is found out while the modem still has everything.
 struct Unsafe {
     const char* name;
-    std::string modem, package, disk, error, item_file = {}; // of 600 bytes
+    std::string modem, package, disk, error;
+    std::map<std::string, std::string> nv_data = {};
 };
 const std::string not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
 const Unsafe unsafe[] = {
@@ -80,7 +81,14 @@ const Unsafe unsafe[] = {
     {"Unanswered", "--fault drop@4 --fault drop@5", "", "", not_whole},
     {"Refused", "--fault error@4:0x42", "", "", not_whole},
     {"Withheld", "--fault refuse@" + std::to_string(4 + NvItemList.size() + 2) + ":13", "", "", not_whole},
-    {"TooLong", "", "", "", not_whole, "/nv/item_files/jcdma/jcdma_mode"},
+    {"TooLong", "", "", "", not_whole, {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
+    {"OtherKind",
+     "",
+     "",
+     "",
+     not_whole,
+     {{"efs/.types", "regular /nv/item_files/rfnv/00020090\nitem /sd/rat_acq_order\n"}}},
+    {"Status", "", "", "", not_whole, {{"nv/00550", "550: status 4 01\n"}}},
 };
 
 void PrintTo(const Unsafe& row, std::ostream* out)
@@ -153,8 +161,8 @@ TEST_P(UnsafeErase, IsRefused)
     const Unsafe& row = GetParam();
     modem("normal --revision RIDGE_01_05_0E --apps VA1 " + row.modem);
     package(newer + " " + row.package);
-    if (!row.item_file.empty())
-        write_file("/modem/efs" + row.item_file, std::string(600, 'x'));
+    for (const auto& [name, bytes] : row.nv_data)
+        write_file("/modem/" + name, bytes);
     remember();
     const Result r = run("unshare -rm sh -c '" + row.disk + update + "-E'");
     EXPECT_EQ(r.status, 1);

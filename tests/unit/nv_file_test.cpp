@@ -179,6 +179,8 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         EXPECT_EQ(nv_file_contents(name).text(), row.contents);
         EXPECT_EQ(nv_file_contents(name).whole, row.whole) << row.contents;
     }
+    std::ofstream(name, std::ios::binary) << all;
+    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "1/0"));
     std::filesystem::remove(name);
     const NvFileContents one = {true, 1, 1, 1, 1, 1, 1};
     EXPECT_FALSE(one.holds_less_than(one));
@@ -190,6 +192,13 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         EXPECT_TRUE(one.holds_less_than(two));
         EXPECT_FALSE(two.holds_less_than(one));
     }
+    // As much, but not the same.
+    NvFileContents two = one, three = one;
+    two.names = {"10/0", "18/0"};
+    three.names = {"0/0", "18/0"};
+    EXPECT_TRUE(two.holds_less_than(three));
+    EXPECT_TRUE(three.holds_less_than(two));
+    EXPECT_FALSE(two.holds_less_than(one));
 }
 
 TEST(NvFile, OnlyAFileOfTheChunksThatAreExpectedIsExtended)
