@@ -35,6 +35,24 @@ UniqueFile open_file(const std::string& path, const char* mode)
     return UniqueFile(fopen(path.c_str(), (std::string(mode) + "e").c_str()));
 }
 
+UniqueFile make_file(const std::string& path)
+{
+    constexpr mode_t for_all = 0666; // but for the umask
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, for_all));
+    struct stat about {};
+    if (!fd.valid() || fstat(fd.get(), &about) != 0)
+        return nullptr;
+    if (S_ISFIFO(about.st_mode)) {
+        fd.reset();
+        errno = EINVAL;
+        return nullptr;
+    }
+    UniqueFile file(fdopen(fd.get(), "w+"));
+    if (file)
+        (void)fd.release();
+    return file;
+}
+
 UniqueFile open_regular_file(const std::string& path)
 {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

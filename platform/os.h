@@ -42,6 +42,9 @@ using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 // file, such as a pipe or a device in its place, is none. Empty on failure, errno set.
 [[nodiscard]] UniqueFile open_regular_file(const std::string& path);
 
+// Opens `path` as fopen() does with "w+", not inherited by commands. Never waits: a pipe in its place is a failure.
+[[nodiscard]] UniqueFile make_file(const std::string& path);
+
 // Reads the next line of `file` into `line`, without its line feed. Of a longer line than `limit` characters the rest
 // is skipped. False at the end of the file.
 [[nodiscard]] bool read_line(FILE* file, std::string& line, size_t limit);

@@ -286,7 +286,7 @@ int32_t tar_fextract_to(const std::string& name, const std::string& target)
     log_info("Extract file: %s to %s", name.c_str(), target.c_str());
     if (!seek_to_data(*member))
         return -1;
-    UniqueFile file = open_file(target, "w+");
+    UniqueFile file = make_file(target);
     if (!file) {
         log_error("Failed to open file %s", target.c_str());
         return -1;

@@ -175,8 +175,13 @@ bool has_room_for_linux_images()
         return true; // a tablet that cannot tell can have it all the same
     int64_t available = static_cast<int64_t>(room.f_bfree) * static_cast<int64_t>(room.f_frsize);
     struct stat before {};
-    if (stat(scratch_path, &before) == 0)
+    if (stat(scratch_path, &before) == 0) {
+        if (!S_ISREG(before.st_mode)) {
+            log_error("%s is in the way of the Linux images", scratch_path);
+            return false;
+        }
         available += before.st_size; // which is written over
+    }
     if (needed <= available)
         return true;
     log_error("No room in /data for the Linux images: %lld bytes needed, %lld free", static_cast<long long>(needed),

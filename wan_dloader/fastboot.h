@@ -30,8 +30,8 @@ constexpr int32_t wait_timed_out = 71;
 // Tries the one, then the other. Always 1.
 int32_t EnterFastbootMode(const std::string& port);
 
-// Whether /data has room for the copy that each Linux image of the package is flashed from; else an ERROR with the
-// bytes that the largest one needs.
+// Whether /data has room, and a place, for the copy that each Linux image of the package is flashed from; else an
+// ERROR, with the bytes that the largest one needs.
 [[nodiscard]] bool has_room_for_linux_images();
 
 // Writes the Linux images that the firmware has (WARNING for each it has not), erases EFS2 where that was asked for and

@@ -127,9 +127,11 @@ EndOfRun prepare_flash()
 {
     log_info(">>> Verify if needing to erase all partitions ...");
     s_need_to_erase_all_partitions = NeedToErasePartitions();
+    const bool copies_linux_images = (sFlashMode & flash_mode::linux_images) != 0;
     if (!erases_all_partitions()) {
         log_warning("   No need to erase all partitions!");
-        return go_on;
+        const bool due = copies_linux_images && s_update_modem_apps_fw != 0 && modem_images_requested();
+        return due && !has_room_for_linux_images() ? EndOfRun(status_failed) : go_on;
     }
     log_warning("   Need to erase all partitions!!!");
     sFlashAllPartitions = 1;
@@ -140,7 +142,7 @@ EndOfRun prepare_flash()
     if (!has_whole_backup())
         return status_failed;
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
-    if ((sFlashMode & flash_mode::linux_images) != 0 && !has_room_for_linux_images())
+    if (copies_linux_images && !has_room_for_linux_images())
         return status_failed;
     if (EraseAllPartitions(s_diag_port) != 0)
         return status_failed;

@@ -48,6 +48,7 @@
 #include "platform/os.h"
 #include "wan_dloader/fastboot.h"
 #include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 #include "wan_dloader/update_flow.h"
@@ -121,6 +122,8 @@ constexpr NvOperation nv_operations[] = {
     {'U',
      [](const char* path) {
          log_info("Update NV from %s", printable(path).c_str());
+         if (!lock_nv_data()) // a question in the midst of another's transfer would cost it an answer
+             return;
          CheckModemSku(s_modem_sku);
          (void)UpdateNV(path, s_diag_port);
      }},

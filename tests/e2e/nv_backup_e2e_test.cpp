@@ -314,7 +314,14 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
          {"E fopen "s + golden + ": Read-only file system", missing, missing, missing},
          true,
          false},
-        {"-ng", "true", {{name, half}, {parked, old}}, {{name, old}}, {undone, not_whole}, false, false},
+        {"-ng", "true", {{name, half}, {parked, old}}, {{name, half}, {parked, old}}, {not_whole}, false, false},
+        {"-ng",
+         "true",
+         {{name, fresh + "x"}, {parked, ""}},
+         {{name, fresh + "x"}, {parked, ""}},
+         {not_whole},
+         false,
+         false},
         {"-nG", "true", {{name, half}, {parked, fresh}}, {{name, fresh}}, {undone}, true, true},
         {"-nG", "true", {}, {}, {missing, missing, missing}, true, true},
     };
@@ -379,11 +386,12 @@ TEST_F(SmallModem, GoesAwayAmongTheItems)
 TEST_F(SmallModem, BackupIsAFileAndHasOneWriter)
 {
     modem("normal");
-    const Job second = queue("-nb", "flock /data %"), folder = queue("-nb"), pipe = queue("-nr"),
-              over_pipe = queue("-nb");
+    const Job second = queue("-nb", "flock /data %"), update = queue("-nU/x", "flock /data %"), folder = queue("-nb"),
+              pipe = queue("-nr"), over_pipe = queue("-nb");
     fill_all();
     EXPECT_THAT(complaints_of(take_turn(second)), ElementsAre("E NV data are in use by another wan_dloader"));
-    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_THAT(complaints_of(take_turn(update)), ElementsAre("E NV data are in use by another wan_dloader"));
+    EXPECT_THAT(requests(), IsEmpty()); // whose answers would be the other one's loss
     fs::create_directory(root() + backup);
     EXPECT_THAT(complaints_of(take_turn(folder)),
                 ElementsAre("E rename /data/nvbackup.bin.new: Is a directory",
@@ -404,15 +412,10 @@ TEST_F(SmallModem, IsNotWhereItIsAwaited)
 {
     modem("normal");
     write_file(golden, saved);
-    write_file("/data/update", "NV ITEM=10, INDEX=0\n");
     const std::string timeout = "W Timeout: DIAG port (/dev/none) doesn't exist";
     const std::pair<const char*, Texts> operations[] = {
-        {"-fng", {timeout}},
-        {"-nb", {timeout}},
-        {"-nr", {timeout, "E Timeout: DIAG port (/dev/none) is not ready"}},
-        {"-nUupdate", {timeout}},
-        {"-nF/x", {timeout}},
-        {"-nD/x", {timeout}},
+        {"-fng", {timeout}},  {"-nb", {timeout}},   {"-nr", {timeout, "E Timeout: DIAG port (/dev/none) is not ready"}},
+        {"-nF/x", {timeout}}, {"-nD/x", {timeout}},
     };
     std::vector<Job> jobs;
     for (const auto& [options, complaints] : operations)
@@ -422,7 +425,7 @@ TEST_F(SmallModem, IsNotWhereItIsAwaited)
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(complaints_of(r), operations[i].second);
     }
-    EXPECT_THAT(requests(), ElementsAre("4: 4B 00 44 00")); // the update asks which modem it is
-    EXPECT_EQ(data(), (Texts{"nvbackup_golden.bin", "update"}));
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_EQ(data(), (Texts{"nvbackup_golden.bin"}));
     EXPECT_EQ(read_file(golden), saved);
 }

@@ -169,6 +169,16 @@ TEST_F(NvUpdate, NeedsAModem)
     EXPECT_EQ(actions(), Texts{"ran stop ril-daemon: 0"});
 }
 
+// It has asked by then which modem it is.
+TEST_F(NvUpdate, NeedsItsPort)
+{
+    modem("normal");
+    const auto r = run("tessel wan_dloader -P /dev/none -nU/data/absent");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(complaints_of(r), ElementsAre("W Timeout: DIAG port (/dev/none) doesn't exist"));
+    EXPECT_THAT(requests(), ElementsAre("4: 4B 00 44 00"));
+}
+
 TEST_F(NvUpdate, ShowsAndDeletesFilesOfTheModem)
 {
     modem("normal --fault refuse@4:16"); // the second piece of the first file

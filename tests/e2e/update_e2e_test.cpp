@@ -69,35 +69,50 @@ class OtherChips : public FirmwareUpdate, public ::testing::WithParamInterface<s
 // What the run would end for is found out while the modem still has everything.
 struct Unsafe {
     const char* name;
-    std::string modem, package, disk, error;
+    std::string error, options = "-E", modem = {}, package = {}, disk = {};
     std::map<std::string, std::string> nv_data = {};
 };
-const std::string not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
-const Unsafe unsafe[] = {
-    {"WithoutProgrammer", "", "--without ENPRG9x15.hex", "", "Not found emergency downloader"},
-    {"WithoutTable", "", "--without partition.mbn", "", "Unable to open partition file /sdcard/firmware/partition.mbn"},
-    {"WithoutRoom", "", "--size 1000000", "mount -t tmpfs -o size=40k none /data && ",
-     "No room in /data for the Linux images: .* bytes needed, .* free"},
-    {"Unanswered", "--fault drop@4 --fault drop@5", "", "", not_whole},
-    {"Refused", "--fault error@4:0x42", "", "", not_whole},
-    {"Withheld", "--fault refuse@" + std::to_string(4 + NvItemList.size() + 2) + ":13", "", "", not_whole},
-    {"TooLong", "", "", "", not_whole, {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
-    {"OtherKind",
-     "",
-     "",
-     "",
-     not_whole,
-     {{"efs/.types", "regular /nv/item_files/rfnv/00020090\nitem /sd/rat_acq_order\n"}}},
-    {"Status", "", "", "", not_whole, {{"nv/00550", "550: status 4 01\n"}}},
-};
+
+std::vector<Unsafe> unsafe()
+{
+    const std::string no_room = "No room in /data for the Linux images: .* bytes needed, .* free",
+                      small_disk = "mount -t tmpfs -o size=40k none /data && ",
+                      not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
+    const std::string first_file = std::to_string(4 + NvItemList.size() + 2);
+    return {
+        {.name = "WithoutProgrammer", .error = "Not found emergency downloader", .package = "--without ENPRG9x15.hex"},
+        {.name = "WithoutTable",
+         .error = "Unable to open partition file /sdcard/firmware/partition.mbn",
+         .package = "--without partition.mbn"},
+        {.name = "WithoutRoom", .error = no_room, .package = "--size 1000000", .disk = small_disk},
+        {.name = "WithoutRoomToUpdate",
+         .error = no_room,
+         .options = "-f -a -l",
+         .package = "--size 1000000",
+         .disk = small_disk},
+        {.name = "WithoutScratchFile",
+         .error = "/data/tmp.bin is in the way of the Linux images",
+         .disk = "mkfifo /data/tmp.bin && "},
+        {.name = "Unanswered", .error = not_whole, .modem = "--fault drop@4 --fault drop@5"},
+        {.name = "Refused", .error = not_whole, .modem = "--fault error@4:0x42"},
+        {.name = "Withheld", .error = not_whole, .modem = "--fault refuse@" + first_file + ":13"},
+        {.name = "TooLong",
+         .error = not_whole,
+         .nv_data = {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
+        {.name = "OtherKind",
+         .error = not_whole,
+         .nv_data = {{"efs/.types", "regular /nv/item_files/rfnv/00020090\nitem /sd/rat_acq_order\n"}}},
+        {.name = "Status", .error = not_whole, .nv_data = {{"nv/00550", "550: status 4 01\n"}}},
+    };
+}
 
 void PrintTo(const Unsafe& row, std::ostream* out)
 {
     *out << row.name;
 }
 
-class UnsafeErase : public FirmwareUpdate, public ::testing::WithParamInterface<Unsafe> {};
-INSTANTIATE_TEST_SUITE_P(Update, UnsafeErase, ::testing::ValuesIn(unsafe),
+class UnsafeUpdate : public FirmwareUpdate, public ::testing::WithParamInterface<Unsafe> {};
+INSTANTIATE_TEST_SUITE_P(Update, UnsafeUpdate, ::testing::ValuesIn(unsafe()),
                          [](const auto& tested) { return tested.param.name; });
 
 // The modem goes away in the middle of an image, at a point of its own for each seed.
@@ -156,7 +171,7 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     EXPECT_THAT(data(), ElementsAre("nvbackup_golden.bin"));
 }
 
-TEST_P(UnsafeErase, IsRefused)
+TEST_P(UnsafeUpdate, IsRefused)
 {
     const Unsafe& row = GetParam();
     modem("normal --revision RIDGE_01_05_0E --apps VA1 " + row.modem);
@@ -164,7 +179,7 @@ TEST_P(UnsafeErase, IsRefused)
     for (const auto& [name, bytes] : row.nv_data)
         write_file("/modem/" + name, bytes);
     remember();
-    const Result r = run("unshare -rm sh -c '" + row.disk + update + "-E'");
+    const Result r = run("unshare -rm sh -c '" + row.disk + update + row.options + "'");
     EXPECT_EQ(r.status, 1);
     EXPECT_THAT(r.errors().back(), MatchesRegex(row.error));
     expect_written({});

@@ -166,7 +166,8 @@ TEST_F(Tar, MembersAreReadToTheirEndAndNotBeyond)
 
 TEST_F(Tar, NothingPartialIsHandedOut)
 {
-    const std::string target = folder + "/out";
+    const std::string target = folder + "/out", pipe = folder + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     ASSERT_EQ(init(member("m", text_of(9000)) + member("far", "", '0', "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s)),
               0);
     const std::tuple<std::string, std::string, std::string> rows[] = {
@@ -174,6 +175,7 @@ TEST_F(Tar, NothingPartialIsHandedOut)
         {"m", "", "The target file name is NULL"},
         {"M", target, "Failed to find the file M"},
         {"m", folder, "Failed to open file " + folder},
+        {"m", pipe, "Failed to open file " + pipe},
         {"m", "/dev/full", "Failed to copy the file m to /dev/full"},
         {"far", target, "The file far is cut short"},
     };
