@@ -102,6 +102,10 @@ std::vector<Unsafe> unsafe()
         {.name = "OtherKind",
          .error = not_whole,
          .nv_data = {{"efs/.types", "regular /nv/item_files/rfnv/00020090\nitem /sd/rat_acq_order\n"}}},
+        {.name = "OtherIndex",
+         .error = not_whole,
+         .modem = "--fault twice@8 --fault dribble@8:100",
+         .nv_data = {{"nv/00020", "20/0: AA\n20/1: CC\n"}}},
         {.name = "Status", .error = not_whole, .nv_data = {{"nv/00550", "550: status 4 01\n"}}},
     };
 }
