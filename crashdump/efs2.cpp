@@ -178,6 +178,10 @@ size_t s_efs2_rsp_len = 0;        // bytes of the reply; 0 when none came
 uint32_t s_efs2_error = 0;        // number in it, of an operation that was refused
 bool s_efs2_reply_is_due = false; // to the request before
 
+// What the modem does with a query.
+enum class Query { not_known, answers, ignores };
+Query s_efs2_query = Query::not_known;
+
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
 // The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
@@ -236,15 +240,24 @@ void begin_request(uint16_t command)
 {
     constexpr std::array<uint8_t, query_packet::request_size> query = {efs2_packet::code, efs2_packet::subsystem,
                                                                        query_packet::command};
-    return await_reply(query);
+    const int32_t result = await_reply(query);
+    if (result == exchange_accepted)
+        s_efs2_query = Query::answers;
+    else if (s_efs2_query == Query::not_known)
+        s_efs2_query = Query::ignores;
+    return result;
 }
+
+enum class Order { kept, whatever_came_before };
 
 // Sends the first `length` bytes of the buffer. Returns the exchange's result. The reply is copied here and not by the
 // filter, which would write into a request that is still being sent, or into the next one after a time-out.
-[[nodiscard]] int32_t exchange(size_t length)
+[[nodiscard]] int32_t exchange(size_t length, Order order = Order::kept)
 {
-    int32_t result = s_efs2_reply_is_due ? let_late_replies_pass() : exchange_accepted;
-    if (result == exchange_accepted)
+    const bool is_due = s_efs2_reply_is_due && s_efs2_query != Query::ignores;
+    int32_t result = is_due ? let_late_replies_pass() : exchange_accepted;
+    // Without queries there is no telling, and all that can be done is to go on.
+    if (result == exchange_accepted || s_efs2_query == Query::ignores || order == Order::whatever_came_before)
         result = await_reply(std::span(s_efs2_rsp).first(length));
     if (result != exchange_accepted)
         return result;
@@ -264,9 +277,9 @@ void begin_request(uint16_t command)
 
 // Sends the first `length` bytes of the buffer and judges the reply. Returns 0, -1 or the negated failure of the
 // exchange.
-[[nodiscard]] int32_t ask(size_t length, size_t error_at)
+[[nodiscard]] int32_t ask(size_t length, size_t error_at, Order order = Order::kept)
 {
-    const int32_t result = exchange(length);
+    const int32_t result = exchange(length, order);
     if (result != exchange_accepted)
         return -result;
     return refused(error_at) ? -1 : 0;
@@ -295,7 +308,8 @@ void adopt_sequence(uint16_t& sequence, uint16_t received)
 {
     begin_request(command);
     put_le32(s_efs2_rsp, close_packet::descriptor_at, static_cast<uint32_t>(descriptor));
-    return ask(close_packet::request_size, close_packet::error_at);
+    // A file that stays open may not be whole, and nobody else closes it.
+    return ask(close_packet::request_size, close_packet::error_at, Order::whatever_came_before);
 }
 
 [[nodiscard]] bool efs2_send_hello()
@@ -332,6 +346,7 @@ int32_t query_limit(size_t offset)
     begin_request(command);
     if (exchange(request_size) != exchange_accepted)
         return false;
+    s_efs2_query = Query::answers;
     s_efs2_query_rsp.fill(0);
     std::ranges::copy(reply().first(std::min(s_efs2_rsp_len, reply_size)), s_efs2_query_rsp.begin());
     if (s_efs2_verbose == 0)

@@ -119,9 +119,9 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     return 0;
 }
 
-// `indexed`: other rows have the same item. A WARNING when the modem says nothing; else what came of it is in the file,
+// A WARNING when the modem says nothing; else what came of it is in the file,
 // or in the log. Fetch::got also when the modem has no such item.
-Fetch read_nv_item(const NvItemRow& row, bool indexed)
+Fetch read_nv_item(const NvItemRow& row)
 {
     {
         const std::lock_guard lock(s_nv_mutex);
@@ -129,7 +129,7 @@ Fetch read_nv_item(const NvItemRow& row, bool indexed)
         put_u8(DiagNvPkt, 0, nv_packet::read_code);
         put_le16(DiagNvPkt, nv_packet::item_at, row.item);
         put_u8(DiagNvPkt, nv_packet::data_at, static_cast<uint8_t>(row.index & 0xFF));
-        s_indexed = indexed;
+        s_indexed = is_indexed_nv_item(row.item);
         s_queued = false;
         s_withheld = false;
     }
@@ -306,8 +306,8 @@ void append_file(FILE* file, NvChunkHeader& chunk, const std::string& path, uint
 {
     if (contents.size() != (size & 0xFFFF)) {
         ++s_unread;
-        log_warning("%s: saved %zu of %u bytes; a restore loses what is behind it", path.c_str(), contents.size(),
-                    static_cast<unsigned>(size));
+        log_error("%s: saved %zu of %u bytes; a restore loses what is behind it", path.c_str(), contents.size(),
+                  static_cast<unsigned>(size));
     }
     const auto record = file_record(path, size, contents);
     write_record(file, record);
@@ -366,15 +366,11 @@ int32_t NvItemBackup(const std::string& file_name)
     SetRspCallback(NvBackupCallback);
     if (sDebug != 0)
         log_debug("Backing up modem NV items");
-    const auto has_item = [](size_t row, uint16_t item) {
-        return row < NvItemList.size() && NvItemList[row].item == item;
-    };
     SecondTries get;
     Progress progress("NV items", NvItemList.size(), ProgressUnit::pieces);
     for (size_t i = 0; i < NvItemList.size() && can_write(); ++i) {
         const NvItemRow& row = NvItemList[i];
-        const bool indexed = row.index != 0 || has_item(i + 1, row.item);
-        (void)get([&] { return read_nv_item(row, indexed); }); // what came of it is in the file
+        (void)get([&] { return read_nv_item(row); }); // what came of it is in the file
         progress.advance_to(i + 1);
     }
     SetRspCallback(nullptr);
@@ -394,8 +390,8 @@ int32_t NvItemBackup(const std::string& file_name)
     report_unread(get, NvItemList.size(), "NV items");
     s_unread += refused;
     if (refused != 0)
-        log_warning("Stored as zeros, which a restore writes, since the modem refused them: %u",
-                    static_cast<unsigned>(refused));
+        log_error("Stored as zeros, which a restore writes, since the modem refused them: %u",
+                  static_cast<unsigned>(refused));
     // What holds nothing at all must not pass for a backup: the modem may be erased next.
     return get.unanswered() + get.queued() == NvItemList.size() ? 1 : result;
 }

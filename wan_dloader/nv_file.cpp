@@ -1,6 +1,7 @@
 #include "wan_dloader/nv_file.h"
 
 #include "diag/packet_fields.h"
+#include "wan_dloader/nv_tables.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,8 +34,9 @@ bool is_chunk_tag(uint32_t tag)
 // Counts the records of a chunk into `contents`. False when one is damaged, or there are more or fewer than it says.
 bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileContents& contents)
 {
-    int32_t previous = -1; // NV item
-    uint32_t entry = 0;    // of those of that item
+    int32_t previous = -1;               // NV item
+    uint32_t entry = 0;                  // of those of that item: its index, or its number
+    constexpr size_t most_names = 10000; // of a backup file that is none
     for (uint32_t i = 0; i < chunk.count; ++i) {
         if (chunk.tag == nv_chunk_header::nv_items) {
             std::array<uint8_t, nv_item_record::size> record{};
@@ -43,13 +45,15 @@ bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileCon
             ++contents.items;
             // Items in a row have indexes, which stand in their first byte also where the modem refused the rest.
             const uint16_t item = get_le16(record, nv_item_record::item_at);
-            const size_t index_size = item == previous ? 1 : 0;
-            entry = item == previous ? entry + 1 : 0;
+            const bool indexed = is_indexed_nv_item(item);
+            const size_t index_size = indexed || item == previous ? 1 : 0;
+            entry = indexed ? get_u8(record, nv_item_record::data_at) : item == previous ? entry + 1 : 0;
             previous = item;
             const auto data = std::span(record).subspan(nv_item_record::data_at + index_size);
             if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; })) {
                 ++contents.filled_items;
-                contents.names.push_back(std::to_string(item) + "/" + std::to_string(entry));
+                if (contents.names.size() < most_names)
+                    contents.names.push_back(std::to_string(item) + "/" + std::to_string(entry));
             }
             continue;
         }
@@ -60,7 +64,8 @@ bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileCon
         const bool item_file = chunk.tag == nv_chunk_header::nv_item_files;
         ++(item_file ? contents.item_files : contents.efs_files);
         (item_file ? contents.item_file_bytes : contents.efs_file_bytes) += *length;
-        contents.names.push_back(*path);
+        if (contents.names.size() < most_names)
+            contents.names.push_back(*path);
     }
     return records.at_end();
 }

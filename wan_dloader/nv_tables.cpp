@@ -138,3 +138,9 @@ static_assert(std::size(efs_files) == 8);
 
 constinit const std::span<const NvFileRow> NvItemFileList = item_files;
 constinit const std::span<const NvFileRow> EFSFileList = efs_files;
+
+bool is_indexed_nv_item(uint16_t item)
+{
+    const auto rows = std::ranges::equal_range(NvItemList, item, {}, &NvItemRow::item);
+    return rows.size() > 1 || (rows.size() == 1 && rows.front().index != 0);
+}

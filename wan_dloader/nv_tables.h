@@ -21,6 +21,9 @@ struct NvFileRow {
 // product's own, which is compiled in its place.
 extern const std::span<const NvItemRow> NvItemList;
 
+// Whether the first data byte of `item` is an index: the list has it more than once, or with one.
+[[nodiscard]] bool is_indexed_nv_item(uint16_t item);
+
 // Item files, fetched whole. The last one is there twice.
 extern const std::span<const NvFileRow> NvItemFileList;
 

@@ -115,10 +115,12 @@ bool can_revive_modem()
 bool has_whole_backup()
 {
     const uint32_t unread = nv_values_unread();
-    if (unread == 0 || s_force_fw_update != 0)
+    if (unread == 0)
         return true;
-    log_error("Nothing is erased: %u values of the modem are not whole in its backup", static_cast<unsigned>(unread));
-    return false;
+    const bool forced = s_force_fw_update != 0;
+    log_error("%s: %u values of the modem are not whole in its backup",
+              forced ? "Erased all the same" : "Nothing is erased", static_cast<unsigned>(unread));
+    return forced;
 }
 
 // Erases the modem where that was asked for and is needed, having saved what is one of a kind, and made sure that the
@@ -130,7 +132,8 @@ EndOfRun prepare_flash()
     const bool copies_linux_images = (sFlashMode & flash_mode::linux_images) != 0;
     if (!erases_all_partitions()) {
         log_warning("   No need to erase all partitions!");
-        const bool due = copies_linux_images && s_update_modem_apps_fw != 0 && modem_images_requested();
+        const bool due =
+            copies_linux_images && modem_images_requested() && s_update_modem_apps_fw != 0 && s_update_modem_fw != 0;
         return due && !has_room_for_linux_images() ? EndOfRun(status_failed) : go_on;
     }
     log_warning("   Need to erase all partitions!!!");

@@ -115,7 +115,7 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
     const Job save = queue("-nb"), restore = queue("-nr");
     write_file("/modem/efs" + path, pattern(600, 1));
     EXPECT_THAT(complaints_of(take_turn(save)),
-                ElementsAre("W " + path + ": saved 512 of 600 bytes; a restore loses what is behind it",
+                ElementsAre("E " + path + ": saved 512 of 600 bytes; a restore loses what is behind it",
                             "E NV backup file ends inside record 157"));
     wipe();
     EXPECT_THAT(complaints_of(take_turn(restore, true)),
@@ -194,7 +194,7 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
                     "W NV item (18): Unknown status - 11", "E Timeout!", "W NV item (20): no answer",
                     "W Bad SPC for NV item 20", "E 1 of 1489 NV items could not be read: queued by the modem",
                     "E 1 of 1489 NV items could not be read: refused or cut by the modem",
-                    "W Stored as zeros, which a restore writes, since the modem refused them: 1", "E Timeout!",
+                    "E Stored as zeros, which a restore writes, since the modem refused them: 1", "E Timeout!",
                     "W Skip /nv/item_files/mcs/tcxomgr/field_cal_version",
                     "W /nv/item_files/mcs/tcxomgr/tcxo_mode is not a NV item file: 0x81b6",
                     "W /nv/item_files/mcs/tcxomgr/xo_factory_cal_debug is not a NV item file: 0x41ff",

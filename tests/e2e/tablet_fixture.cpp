@@ -329,6 +329,6 @@ void OnTablet::TearDown()
                   << slurp(modem_err_);
 
     remove_modem();
-    EXPECT_TRUE(wait_until(10s, [] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process was left behind";
+    EXPECT_TRUE(wait_until(5s, [] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process was left behind";
     fs::remove_all(folder_);
 }

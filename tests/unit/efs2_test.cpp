@@ -210,6 +210,7 @@ TEST_F(Efs2, GetsAndPutsWholeFiles)
         expect(turns, result, line, [&] { return efs2_get_file("/nv", got, sequence); });
         return Bytes(got.begin(), got.end());
     };
+    expect({{packet(0, Bytes(40)), framed(packet(0, {}))}, turn(1, {}, {})}, 1, "", efs2_init);
     const Bytes good = le32(0) + le16(0x1FF);
     EXPECT_EQ(get(packet(39, le32(3) + good + Bytes{7, 8, 9, 10}), 3, ""), (Bytes{7, 8, 9}));
     EXPECT_EQ(get(packet(39, le32(0xFFFFFFFF) + good + Bytes{7}), 1, "announces 4294967295 bytes, 1 taken"), Bytes{7});

@@ -181,6 +181,9 @@ TEST(NvFile, HoldsWhatARestoreFinds)
     }
     std::ofstream(name, std::ios::binary) << all;
     EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "1/0"));
+    const std::string zeros(127, '\0');
+    std::ofstream(name, std::ios::binary) << header(1) + chunk(nv_items, 2, "\x14\0\1"s + zeros + "\x14\0\2x"s + zeros);
+    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("20/2"));
     std::filesystem::remove(name);
     const NvFileContents one = {true, 1, 1, 1, 1, 1, 1};
     EXPECT_FALSE(one.holds_less_than(one));
