@@ -141,6 +141,6 @@ constinit const std::span<const NvFileRow> EFSFileList = efs_files;
 
 bool is_indexed_nv_item(uint16_t item)
 {
-    const auto rows = std::ranges::equal_range(NvItemList, item, {}, &NvItemRow::item);
-    return rows.size() > 1 || (rows.size() == 1 && rows.front().index != 0);
+    const auto is_entry = [item](const NvItemRow& row) { return row.item == item && row.index != 0; };
+    return std::ranges::any_of(NvItemList, is_entry);
 }

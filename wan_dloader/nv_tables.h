@@ -21,7 +21,7 @@ struct NvFileRow {
 // product's own, which is compiled in its place.
 extern const std::span<const NvItemRow> NvItemList;
 
-// Whether the first data byte of `item` is an index: the list has it more than once, or with one.
+// Whether the first data byte of `item` is an index: a row of it has one.
 [[nodiscard]] bool is_indexed_nv_item(uint16_t item);
 
 // Item files, fetched whole. The last one is there twice.
