@@ -119,8 +119,8 @@ int32_t NvBackupCallback(std::span<const uint8_t> packet, uintptr_t /*user_data*
     return 0;
 }
 
-// A WARNING when the modem says nothing; else what came of it is in the file,
-// or in the log. Fetch::got also when the modem has no such item.
+// A WARNING when the modem says nothing; else what came of it is in the file, or in the log. Fetch::got also when the
+// modem has no such item.
 Fetch read_nv_item(const NvItemRow& row)
 {
     {

@@ -119,7 +119,7 @@ bool has_whole_backup()
         return true;
     const bool forced = s_force_fw_update != 0;
     log_error("%s: %u values of the modem are not whole in its backup",
-              forced ? "Erased all the same" : "Nothing is erased", static_cast<unsigned>(unread));
+              forced ? "Erasing all the same" : "Nothing is erased", static_cast<unsigned>(unread));
     return forced;
 }
 
