@@ -463,7 +463,7 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
 int32_t BackupQCN(const std::string& port)
 {
     log_info("Backup QCN ...");
-    if (!await_diag_port(port) || !lock_nv_data())
+    if (!await_diag_port(port))
         return 1;
     if (!path_exists(backup_path))
         return backup_to(port, backup_path);
@@ -481,7 +481,7 @@ int32_t BackupQCN(const std::string& port)
 int32_t BackupGoldenQCN(const std::string& port)
 {
     log_info("Backup Golden QCN ...");
-    if (!lock_nv_data() || !undo_cut_renewal())
+    if (!undo_cut_renewal())
         return 1;
     const bool renewal = path_exists(golden_path);
     if (renewal && s_force_fw_update == 0) {
@@ -526,7 +526,7 @@ int32_t RestoreQCN(const std::string& port)
 int32_t RestoreGoldenQCN(const std::string& port)
 {
     log_info("Restore Golden QCN ...");
-    if (sFlashAllPartitions != 0 && (!lock_nv_data() || !undo_cut_renewal()))
+    if (sFlashAllPartitions != 0 && !undo_cut_renewal())
         return 1;
     return restore_from(port, golden_path);
 }
@@ -546,8 +546,6 @@ int32_t EraseAndRestoreQCN(const std::string& port)
 
 int32_t MakeGoldenCopy()
 {
-    if (!lock_nv_data())
-        return 0;
     if (!undo_cut_renewal() || path_exists(golden_path)) {
         warn_of_half_copy();
         return 1;

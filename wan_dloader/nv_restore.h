@@ -1,8 +1,7 @@
 // Whole backups and restores of the modem's NV data, the golden copy, and single writes to the modem.
 //
-// Everything runs on the main thread and blocks; ports are paths of DIAG ttys. A backup leaves the modem offline, a
-// restore resets it. While another process is at work on the NV data (lock_nv_data), nothing is done: an ERROR, and the
-// result of a failure.
+// Everything runs on the main thread and blocks, with the NV data locked (lock_nv_data); ports are paths of DIAG ttys.
+// A backup leaves the modem offline, a restore resets it.
 #pragma once
 
 #include "crashdump/nv_item.h"

@@ -52,7 +52,7 @@ bool lock_nv_data()
 
 bool open_diag_port(const std::string& port)
 {
-    if (!await_diag_port(port) || !lock_nv_data())
+    if (!await_diag_port(port))
         return false;
     (void)OpenSerialPort(port.c_str());
     return true;

@@ -26,8 +26,8 @@ constexpr uint32_t open_read_only = 0, open_read_mode = 0x100;
 // when another process has them.
 [[nodiscard]] bool lock_nv_data();
 
-// Waits for the port, locks the NV data and opens the port, to be closed with CloseSerialPort. False when it does not
-// appear or the data are locked; where it cannot be opened the process ends (OpenSerialPort).
+// Waits for the port and opens it, to be closed with CloseSerialPort. False when it does not appear; where it cannot be
+// opened the process ends (OpenSerialPort).
 [[nodiscard]] bool open_diag_port(const std::string& port);
 
 // DIAG mode request: 29, mode (2).

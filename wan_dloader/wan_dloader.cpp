@@ -25,15 +25,17 @@
 //   -d -v -o the port's time stamps, traffic, log lines on standard output
 //   -h       usage
 //
-// The radio daemon is stopped first, and started again afterwards; not so with -r.
+// The radio daemon is stopped first, and started again afterwards; not so with -r, and not where another wan_dloader is
+// at work: then nothing is done, which is an ERROR.
 //
 // Exit status: 0 after any -n, whatever came of it, also when there is no such operation; after an update that came to
-// its end, also where nothing was due or the package is for another modem. 1 no valid package, or backup, the way into
-// download mode, the downloader, the partition table or the restore failed; or a port cannot be examined any more.
-// 2 usage shown, or unusable arguments. 18 to 22, 25, 26 with -r: the modem could not be powered on (mdmctrl.h).
-// 32 no /dev/ttyUSB0 when the SKU is read. 64 the port cannot be opened. 69 a request could not be sent, or the
-// downloader has a record of unknown type. 72 the modem's port did not come back. 76 the partition table was refused.
-// 78 no such folder. After 32, 64, 69, 72, 78 and a port that vanished the radio daemon is not started again.
+// its end, also where nothing was due or the package is for another modem. 1 another wan_dloader is at work, or there
+// is no valid package, or backup, the way into download mode, the downloader, the partition table or the restore
+// failed; or a port cannot be examined any more. 2 usage shown, or unusable arguments. 18 to 22, 25, 26 with -r: the
+// modem could not be powered on (mdmctrl.h). 32 no /dev/ttyUSB0 when the SKU is read. 64 the port cannot be opened. 69
+// a request could not be sent, or the downloader has a record of unknown type. 72 the modem's port did not come back.
+// 76 the partition table was refused. 78 no such folder. After 32, 64, 69, 72, 78 and a port that vanished the radio
+// daemon is not started again.
 //
 // Kept on purpose: options count in their order, and -n runs at once, so that what follows it is not looked at. -t has
 // an argument and is as unknown as any other letter.
@@ -122,8 +124,6 @@ constexpr NvOperation nv_operations[] = {
     {'U',
      [](const char* path) {
          log_info("Update NV from %s", printable(path).c_str());
-         if (!lock_nv_data()) // a question in the midst of another's transfer would cost it an answer
-             return;
          CheckModemSku(s_modem_sku);
          (void)UpdateNV(path, s_diag_port);
      }},
@@ -174,6 +174,8 @@ void usage(const char* name)
 // -n
 [[noreturn]] void run_nv_operation(const char* text)
 {
+    if (!lock_nv_data())
+        end_process(exit_done); // the daemon stays as the other run wants it
     StopRilDaemon();
     std::this_thread::sleep_for(std::chrono::seconds(5)); // what the daemon had asked for may still be on its way
     const auto* operation = std::ranges::find(nv_operations, *text, &NvOperation::letter);

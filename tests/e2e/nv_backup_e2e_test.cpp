@@ -91,19 +91,17 @@ TEST_F(FullModem, IsTheSameAfterBackupLossAndRestore)
 {
     ASSERT_EQ(nv.size(), 1360U);
     ASSERT_EQ(efs.size(), 188U + 8 + 1); // and the list of types
-    const Job save = queue("-nb"), restore = queue("-nr");
-    EXPECT_THAT(complaints_of(take_turn(save)), IsEmpty());
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))), IsEmpty());
     EXPECT_EQ(requests().size(), 1 + 1489 + 2 + 189 * 2 + 2 + 8 * 4 + 2); // two files are longer than a piece
     const std::string saved = read_file(backup);
 
     wipe();
-    const Job save_again = queue("-nb");
-    EXPECT_THAT(complaints_of(take_turn(restore, true)), IsEmpty());
+    EXPECT_THAT(complaints_of(take_turn(queue("-nr"), true)), IsEmpty());
     EXPECT_EQ(all_in("nv"), nv);
     EXPECT_EQ(all_in("efs"), efs);
     EXPECT_EQ(read_file(backup), saved);
 
-    EXPECT_THAT(complaints_of(take_turn(save_again)), IsEmpty());
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))), IsEmpty());
     EXPECT_EQ(read_file(backup), saved);
 }
 
@@ -112,13 +110,12 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
 {
     constexpr size_t row = 156;
     const std::string path = NvItemFileList[row].path, name = path.substr(1);
-    const Job save = queue("-nb"), restore = queue("-nr");
     write_file("/modem/efs" + path, pattern(600, 1));
-    EXPECT_THAT(complaints_of(take_turn(save)),
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
                 ElementsAre("E " + path + ": saved 512 of 600 bytes; a restore loses what is behind it",
                             "E NV backup file ends inside record 157"));
     wipe();
-    EXPECT_THAT(complaints_of(take_turn(restore, true)),
+    EXPECT_THAT(complaints_of(take_turn(queue("-nr"), true)),
                 ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored",
                             "E NV backup file ends inside record 157"));
     EXPECT_EQ(all_in("nv"), nv);
@@ -353,14 +350,13 @@ TEST_F(SmallModem, GoesAwayAmongTheFiles)
     if (!obstacle().empty())
         return skip(obstacle()); // without power files it would not come back
     modem("normal --fault unplug@" + std::to_string(1 + NvItemList.size() + 2 + 153 + 2));
-    const Job save = queue("-nb"), restore = queue("-nr");
     fill_all();
-    const auto r = take_turn(save);
+    const auto r = take_turn(queue("-nb"));
     EXPECT_EQ(r.status, 69);
     EXPECT_THAT(r.errors(), Contains("Error in pktio_send_packet()"));
     wipe();
     (void)run("echo 2 >/sys/wan/power");
-    EXPECT_THAT(complaints_of(take_turn(restore, true)),
+    EXPECT_THAT(complaints_of(take_turn(queue("-nr"), true)),
                 ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored",
                             "E !!!Not found NV item file block", "E !!!Not found EFS file block"));
     EXPECT_EQ(all_in("nv"), nv);
@@ -382,27 +378,35 @@ TEST_F(SmallModem, GoesAwayAmongTheItems)
     EXPECT_EQ(left.size(), 2U);
 }
 
-// In the place of a backup is something else, or somebody else works on it.
-TEST_F(SmallModem, BackupIsAFileAndHasOneWriter)
+// Somebody else is at work on the NV data: nothing is asked, and the radio daemon is not started in the midst of it.
+TEST_F(SmallModem, HasOneVisitorAtATime)
 {
     modem("normal");
-    const Job second = queue("-nb", "flock /data %"), update = queue("-nU/x", "flock /data %"), folder = queue("-nb"),
-              pipe = queue("-nr"), over_pipe = queue("-nb");
+    for (const char* options : {"-nb", "-nU/x", "-nF/x", "-m all"}) {
+        const auto r = run("flock /data tessel wan_dloader "s + options);
+        EXPECT_EQ(r.status, options[1] == 'm' ? 1 : 0);
+        EXPECT_THAT(r.records(), ElementsAre("E NV data are in use by another wan_dloader")) << options;
+    }
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_THAT(actions(), IsEmpty());
+}
+
+// In the place of a backup is something else.
+TEST_F(SmallModem, BackupIsAFile)
+{
+    modem("normal");
     fill_all();
-    EXPECT_THAT(complaints_of(take_turn(second)), ElementsAre("E NV data are in use by another wan_dloader"));
-    EXPECT_THAT(complaints_of(take_turn(update)), ElementsAre("E NV data are in use by another wan_dloader"));
-    EXPECT_THAT(requests(), IsEmpty()); // whose answers would be the other one's loss
     fs::create_directory(root() + backup);
-    EXPECT_THAT(complaints_of(take_turn(folder)),
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
                 ElementsAre("E rename /data/nvbackup.bin.new: Is a directory",
                             "E No new backup: /data/nvbackup.bin is the one from before"));
     fs::remove(root() + backup);
     ASSERT_EQ(run_shell("mkfifo %s%s", root().c_str(), backup), 0);
     const std::string no_file = "E fopen /data/nvbackup.bin: Invalid argument";
-    EXPECT_THAT(complaints_of(take_turn(pipe, true)),
+    EXPECT_THAT(complaints_of(take_turn(queue("-nr"), true)),
                 ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored", no_file,
                             no_file, no_file));
-    EXPECT_THAT(complaints_of(take_turn(over_pipe)), IsEmpty());
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))), IsEmpty());
     EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
     EXPECT_EQ(fs::status(root() + backup).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
@@ -411,21 +415,22 @@ TEST_F(SmallModem, BackupIsAFileAndHasOneWriter)
 TEST_F(SmallModem, IsNotWhereItIsAwaited)
 {
     modem("normal");
-    write_file(golden, saved);
+    write_file("/sdcard/0/nvbackup_golden.bin", saved);
     const std::string timeout = "W Timeout: DIAG port (/dev/none) doesn't exist";
     const std::pair<const char*, Texts> operations[] = {
         {"-fng", {timeout}},  {"-nb", {timeout}},   {"-nr", {timeout, "E Timeout: DIAG port (/dev/none) is not ready"}},
         {"-nF/x", {timeout}}, {"-nD/x", {timeout}},
     };
     std::vector<Job> jobs;
-    for (const auto& [options, complaints] : operations)
-        jobs.push_back(start("tessel wan_dloader -P /dev/none "s + options));
+    for (const auto& [options, complaints] : operations) {
+        const std::string folder = "/sdcard/" + std::to_string(jobs.size());
+        jobs.push_back(queue("-P /dev/none "s + options, with_data_in(folder)));
+    }
     for (size_t i = 0; i < jobs.size(); ++i) {
         const auto r = finish(jobs[i]);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(complaints_of(r), operations[i].second);
     }
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(data(), (Texts{"nvbackup_golden.bin"}));
-    EXPECT_EQ(read_file(golden), saved);
+    EXPECT_EQ(files_in("/sdcard/0"), (Files{{"nvbackup_golden.bin", saved}}));
 }

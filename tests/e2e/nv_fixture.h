@@ -83,15 +83,23 @@ inline Texts full_modem(const std::string& root)
 
 class NvOnTablet : public OnTablet {
 protected:
-    // Starts an operation beside others. All of them wait for the radio daemon to be gone, and then for ports of their
-    // own, which appear one after the other: each has the modem for itself as soon as it is its turn. A `command` other
-    // than that of the operation alone has its words where it says "%".
+    // Starts an operation beside others, each with a /data of its own (with_data_in), since one of them keeps the
+    // others away. All of them wait for the radio daemon to be gone, and then for ports of their own, which appear one
+    // after the other: each has the modem for itself as soon as it is its turn. A `command` other than that of the
+    // operation alone has its words where it says "%".
     [[nodiscard]] Job queue(const std::string& options, std::string command = "%")
     {
         const std::string words = "tessel wan_dloader -P " + turn_port(turns_++) + " " + options;
         for (size_t at = 0; (at = command.find('%', at)) != std::string::npos; at += words.size())
             command.replace(at, 1, words);
         return start(command);
+    }
+
+    // A command for `queue`: with a folder of the tablet, made here, as /data.
+    [[nodiscard]] std::string with_data_in(const std::string& folder) const
+    {
+        std::filesystem::create_directories(root() + folder);
+        return "unshare -rm sh -c 'mount --bind " + folder + " /data && exec \"$@\"' - %";
     }
 
     // Gives the modem to the operation that is next. Whether the modem resets in the end is told by `resets`.

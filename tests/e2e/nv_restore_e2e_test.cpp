@@ -160,13 +160,14 @@ TEST_P(DamagedBackup, GivesWhatItCanAndSaysWhatNot)
 {
     ASSERT_EQ(good_backup.size(), backup_end);
     modem("normal --reenumerate 50");
+    const auto folder = [](size_t i) { return "/sdcard/" + std::to_string(i); };
     std::vector<Job> jobs;
     for (size_t i = 0; i < GetParam().files.size(); ++i)
-        jobs.push_back(queue("-nr"));
+        jobs.push_back(queue("-nr", with_data_in(folder(i))));
     for (size_t i = 0; i < jobs.size(); ++i) {
         const Damage& damage = GetParam().files[i];
         SCOPED_TRACE(damage.name);
-        write_file(backup, damage.bytes);
+        write_file(folder(i) + "/nvbackup.bin", damage.bytes);
         fill("nv", {{"00085", "85: spc 00\n"}});
         fill("efs", {{"sd/old", ""}});
 

@@ -220,7 +220,7 @@ TEST_F(NvUpdate, ShowsAndDeletesFilesOfTheModem)
     };
     std::vector<Job> jobs;
     for (const auto& row : rows)
-        jobs.push_back(queue(row.options));
+        jobs.push_back(queue(row.options, with_data_in("/sdcard/" + std::to_string(jobs.size()))));
     for (size_t i = 0; i < jobs.size(); ++i) {
         const auto r = take_turn(jobs[i]);
         EXPECT_EQ(r.status, 0);
