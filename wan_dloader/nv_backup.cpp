@@ -1,9 +1,8 @@
 // Oddities of the format that are kept on purpose, since existing backups have them:
 //   - An item that the modem refuses for want of the service programming code is stored with the request's data.
 //   - Of an item file of more than 512 bytes only the first part is fetched (see fetch_nvitemfile), while D is what the
-//   modem said. A
-//     restore takes what follows for the rest of it, and loses the item files behind it; a WARNING says so when it is
-//     made.
+//     modem said. A restore takes what follows for the rest of it, and loses the item files behind it; an ERROR says so
+//     when the backup is made.
 //   - The item file that the table has twice is stored twice.
 
 #include "wan_dloader/nv_backup.h"
@@ -292,14 +291,6 @@ void report_unread(const SecondTries& tries, size_t total, const char* what)
     report(tries.withheld(), "refused or cut by the modem");
 }
 
-// Begins a chunk at the end of the file.
-void begin_chunk(FILE* file, const NvChunkHeader& chunk)
-{
-    (void)fseeko(file, 0, SEEK_END);
-    write_nv_chunk_header(file, chunk);
-    (void)efs2_init(); // what a modem without EFS2 cannot give shows file by file
-}
-
 // Appends the file `path`, whose size the modem gave as `size`.
 void append_file(FILE* file, NvChunkHeader& chunk, const std::string& path, uint32_t size,
                  std::span<const uint8_t> contents)
@@ -313,6 +304,29 @@ void append_file(FILE* file, NvChunkHeader& chunk, const std::string& path, uint
     write_record(file, record);
     ++chunk.count;
     chunk.size += static_cast<uint32_t>(record.size());
+}
+
+// A chunk of files, and what came of fetching them.
+struct FilePass {
+    NvChunkHeader chunk;
+    SecondTries tries;
+};
+
+// Appends a chunk of the files that `get` fetches, each as get_efs_file does. Its header is not the final one yet.
+template <typename Get>
+FilePass append_files(FILE* file, uint32_t tag, std::span<const NvFileRow> files, const Get& get)
+{
+    FilePass pass = {{tag, 0, 0}, {}};
+    (void)fseeko(file, 0, SEEK_END);
+    write_nv_chunk_header(file, pass.chunk);
+    (void)efs2_init(); // what a modem without EFS2 cannot give shows file by file
+    std::vector<uint8_t> contents;
+    for (const NvFileRow& row : files) {
+        Efs2Stat status{};
+        if (pass.tries([&] { return get(row.path, status, contents); }) == Fetch::got)
+            append_file(file, pass.chunk, row.path, status.size, contents);
+    }
+    return pass;
 }
 
 // Writes the final header of the chunk that begins at `chunk_at`, then counts it in the file's header, unless records
@@ -408,19 +422,14 @@ int32_t NvItemFileBackup(const std::string& file_name)
     if (!has_size(file.get(), end))
         return 1;
 
-    NvChunkHeader chunk = {nv_chunk_header::nv_item_files, 0, 0};
-    begin_chunk(file.get(), chunk);
     uint16_t sequence = 0;
-    std::vector<uint8_t> contents;
-    SecondTries get;
-    for (const NvFileRow& row : NvItemFileList) {
-        Efs2Stat status{};
-        if (get([&] { return get_item_file(row.path, sequence, status, contents); }) == Fetch::got)
-            append_file(file.get(), chunk, row.path, status.size, contents);
-    }
+    const auto get = [&sequence](const char* path, Efs2Stat& status, std::vector<uint8_t>& contents) {
+        return get_item_file(path, sequence, status, contents);
+    };
+    const auto [chunk, tries] = append_files(file.get(), nv_chunk_header::nv_item_files, NvItemFileList, get);
     log_info(">>> Total saved NV item files: %d, size: %d", static_cast<int>(chunk.count),
              static_cast<int>(chunk.size));
-    report_unread(get, NvItemFileList.size(), "NV item files");
+    report_unread(tries, NvItemFileList.size(), "NV item files");
     return finish_chunk(file, file_name, header, end, chunk);
 }
 
@@ -441,17 +450,9 @@ int32_t EfsFileBackup(const std::string& file_name)
     if (!has_size(file.get(), end))
         return 1;
 
-    NvChunkHeader chunk = {nv_chunk_header::efs_files, 0, 0};
-    begin_chunk(file.get(), chunk);
-    std::vector<uint8_t> contents;
-    SecondTries get;
-    for (const NvFileRow& row : EFSFileList) {
-        Efs2Stat status{};
-        if (get([&] { return get_efs_file(row.path, status, contents); }) == Fetch::got)
-            append_file(file.get(), chunk, row.path, status.size, contents);
-    }
+    const auto [chunk, tries] = append_files(file.get(), nv_chunk_header::efs_files, EFSFileList, get_efs_file);
     log_info(">>> Total saved EFS files: %d, size: %d", static_cast<int>(chunk.count), static_cast<int>(chunk.size));
-    report_unread(get, EFSFileList.size(), "EFS files");
+    report_unread(tries, EFSFileList.size(), "EFS files");
     return finish_chunk(file, file_name, header, end, chunk);
 }
 
