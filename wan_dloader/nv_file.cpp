@@ -53,7 +53,8 @@ bool count_records(NvChunkReader& records, const NvChunkHeader& chunk, NvFileCon
             if (std::ranges::any_of(data, [](uint8_t byte) { return byte != 0; })) {
                 ++contents.filled_items;
                 if (contents.names.size() < most_names)
-                    contents.names.push_back(std::to_string(item) + "/" + std::to_string(entry));
+                    contents.names.push_back("NV item " + std::to_string(item) +
+                                             (entry != 0 ? " index " + std::to_string(entry) : ""));
             }
             continue;
         }
@@ -140,6 +141,19 @@ std::string NvFileContents::text() const
     return number(items) + " NV items (" + number(filled_items) + " not zero), " + number(item_files) +
            " item files (" + number(item_file_bytes) + " bytes), " + number(efs_files) + " EFS files (" +
            number(efs_file_bytes) + " bytes)";
+}
+
+std::string NvFileContents::lacks_of(const NvFileContents& other) const
+{
+    constexpr size_t named = 3;
+    std::vector<std::string> missing;
+    std::ranges::set_difference(other.names, names, std::back_inserter(missing));
+    std::string text;
+    for (size_t i = 0; i < std::min(missing.size(), named); ++i)
+        text += (i != 0 ? ", " : "") + printable(missing[i]);
+    if (missing.size() > named)
+        text += " and " + std::to_string(missing.size() - named) + " more";
+    return text;
 }
 
 NvFileContents nv_file_contents(const std::string& path)

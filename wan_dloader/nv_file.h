@@ -72,6 +72,9 @@ struct NvFileContents {
 
     // Whether `other` has more of anything, or anything that is not here.
     [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
+    // What `other` names and is not here, for a message: "NV item 10, NV item 12 index 3, /nv/x and 2 more"; empty when
+    // there is nothing.
+    [[nodiscard]] std::string lacks_of(const NvFileContents& other) const;
     // "3 NV items (1 not zero), 2 item files (10 bytes), 1 EFS file (5 bytes)", for a message.
     [[nodiscard]] std::string text() const;
 };

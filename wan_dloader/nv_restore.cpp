@@ -349,6 +349,13 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
 
 // ---- the backup ----
 
+// Names what a new backup does not have of the one before.
+void report_missing(const NvFileContents& fresh, const NvFileContents& before)
+{
+    if (const std::string missing = fresh.lacks_of(before); !missing.empty())
+        log_warning("Not in the new one: %s", missing.c_str());
+}
+
 // Gives the backup that is there a second name, the first that is free: no copy is given up for another one. The name;
 // empty, with an ERROR, when there is none left.
 std::string keep_backup()
@@ -378,6 +385,7 @@ bool keep_richer_backup()
         return false;
     log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
                 before.text().c_str(), name.c_str());
+    report_missing(fresh, before);
     return true;
 }
 
@@ -424,6 +432,7 @@ bool is_renewed()
         return true;
     log_error("The new golden copy holds %s; the old one, with %s, stays", golden.text().c_str(),
               parked.text().c_str());
+    report_missing(golden, parked);
     return false;
 }
 

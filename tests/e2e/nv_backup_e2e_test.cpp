@@ -255,6 +255,9 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
     const std::string less = backup_file({{nv_items, {nv_record(0, ""), nv_record(10, "\1")}},
                                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
                                           {efs_files, {}}});
+    const std::string other = backup_file({{nv_items, {nv_record(5, "\1"), nv_record(10, "\1")}},
+                                           {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
+                                           {efs_files, {}}});
     const std::string holds_fresh = "holds 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes); ",
                       with_more = "with 3 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes), ";
     const std::string missing = "E fopen "s + golden + ": No such file or directory";
@@ -292,6 +295,16 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
          {{stored, more}, {kept, less}},
          {{stored, fresh}, {kept, less}, {kept + "1", more}},
          {set_aside + "1"},
+         true,
+         false},
+        {"-nb",
+         "true",
+         {{stored, other}},
+         {{stored, fresh}, {kept, other}},
+         {"W The new backup " + holds_fresh +
+              "the one before, with 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS "
+              "files (0 bytes), is kept as /data/nvbackup.bin.old",
+          "W Not in the new one: NV item 5"},
          true,
          false},
         {"-nb", "true", {{stored, less}, {kept, more}}, {{stored, fresh}, {kept, more}}, {}, true, false},

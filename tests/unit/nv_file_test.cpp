@@ -180,10 +180,10 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         EXPECT_EQ(nv_file_contents(name).whole, row.whole) << row.contents;
     }
     std::ofstream(name, std::ios::binary) << all;
-    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "1/0"));
+    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "NV item 1"));
     const std::string zeros(127, '\0');
     std::ofstream(name, std::ios::binary) << header(1) + chunk(nv_items, 2, "\x14\0\1"s + zeros + "\x14\0\2x"s + zeros);
-    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("20/2"));
+    EXPECT_THAT(nv_file_contents(name).names, ElementsAre("NV item 20 index 2"));
     std::filesystem::remove(name);
     const NvFileContents one = {true, 1, 1, 1, 1, 1, 1};
     EXPECT_FALSE(one.holds_less_than(one));
@@ -197,11 +197,14 @@ TEST(NvFile, HoldsWhatARestoreFinds)
     }
     // As much, but not the same.
     NvFileContents two = one, three = one;
-    two.names = {"10/0", "18/0"};
-    three.names = {"0/0", "18/0"};
+    two.names = {"/a", "/b"};
+    three.names = {"/a", "/c\n", "/d", "/e", "/f", "/g"};
     EXPECT_TRUE(two.holds_less_than(three));
     EXPECT_TRUE(three.holds_less_than(two));
     EXPECT_FALSE(two.holds_less_than(one));
+    EXPECT_EQ(two.lacks_of(three), "/c , /d, /e and 2 more");
+    EXPECT_EQ(three.lacks_of(two), "/b");
+    EXPECT_EQ(two.lacks_of(one), "");
 }
 
 TEST(NvFile, OnlyAFileOfTheChunksThatAreExpectedIsExtended)
