@@ -65,6 +65,14 @@ void request_modem_mode(ModemMode mode)
     (void)SendPktAndWait(request, mode_request::code);
 }
 
+void restart_modem(const std::string& port)
+{
+    if (!open_diag_port(port))
+        return;
+    request_modem_mode(ModemMode::reset);
+    CloseSerialPort();
+}
+
 void send_service_programming_code()
 {
     std::array<uint8_t, spc_request::size> request{spc_request::code};

@@ -35,6 +35,10 @@ enum class ModemMode : uint16_t { offline = 0, reset = 2 };
 // Asks for a mode. What the modem answers is not looked at; a time-out is logged (ERROR) by the exchange.
 void request_modem_mode(ModemMode mode);
 
+// Has the modem at `port`, which is not open, start anew and leave the mode that it was given. A port that does not
+// appear within 30 s is a WARNING.
+void restart_modem(const std::string& port);
+
 // Sends the service programming code of this product, which unlocks NV writes. The answer is not looked at.
 void send_service_programming_code();
 

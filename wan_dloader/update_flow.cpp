@@ -123,6 +123,14 @@ bool has_whole_backup()
     return forced;
 }
 
+// Ends the run behind the backup, which has taken the modem offline: it starts anew, and serves as before.
+EndOfRun leave_modem_as_it_was()
+{
+    log_info("Nothing was changed: the modem starts anew");
+    restart_modem(s_diag_port);
+    return status_failed;
+}
+
 // Erases the modem where that was asked for and is needed, having saved what is one of a kind, and made sure that the
 // run will not end for a reason that can be known before.
 EndOfRun prepare_flash()
@@ -143,10 +151,10 @@ EndOfRun prepare_flash()
     if (const int32_t result = BackupQCN(s_diag_port); result != 0)
         return result;
     if (!has_whole_backup())
-        return status_failed;
+        return leave_modem_as_it_was();
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
     if (copies_linux_images && !has_room_for_linux_images())
-        return status_failed;
+        return leave_modem_as_it_was();
     if (EraseAllPartitions(s_diag_port) != 0)
         return status_failed;
     set_emergency_download_mode(1); // what is left is the boot ROM

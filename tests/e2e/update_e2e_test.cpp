@@ -187,6 +187,8 @@ TEST_P(UnsafeUpdate, IsRefused)
     EXPECT_EQ(r.status, 1);
     EXPECT_THAT(r.errors().back(), MatchesRegex(row.error));
     expect_written({});
+    const Texts asked = requests(); // where a backup took the modem offline, it does not stay so
+    EXPECT_EQ(std::ranges::count(asked, "3: 29 00 00"), asked.back() == "3: 29 02 00");
 }
 
 // Eight megabytes, so that every percent shows.
