@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cstddef>
 #include <iterator>
 #include <utility>
@@ -174,13 +175,13 @@ int32_t s_efs2_verbose = 0;
 
 // The request as it is built, and then the reply in its place.
 std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
-size_t s_efs2_rsp_len = 0;        // bytes of the reply; 0 when none came
-uint32_t s_efs2_error = 0;        // number in it, of an operation that was refused
-bool s_efs2_reply_is_due = false; // to the request before
+size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
+uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
-// What the modem does with a query.
-enum class Query { not_known, answers, ignores };
-Query s_efs2_query = Query::not_known;
+// By command: whether a request is without its reply, which may still come. It comes before those to later requests, so
+// that all are forgotten with the next reply to another command.
+std::bitset<64> s_efs2_due;
+bool s_efs2_ignores_queries = false; // the modem: one had no reply, and a later request had
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
@@ -228,36 +229,57 @@ void begin_request(uint16_t command)
 // Sends a request and waits for its reply, which the exchange holds then. Returns the exchange's result.
 [[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
 {
+    const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
-    s_efs2_reply_is_due = result != exchange_accepted;
+    if (result != exchange_accepted) {
+        s_efs2_due.set(command);
+        return result;
+    }
+    if (s_efs2_due.test(query_packet::command) && command != query_packet::command)
+        s_efs2_ignores_queries = true;
+    s_efs2_due.reset();
     return result;
 }
 
-// The modem answers in order: what it still had to say comes before the reply to a query. Returns the exchange's
-// result.
+// Whether the next reply to `command` may be one to an earlier request. Then it would tell of another file. While the
+// modem has not answered what let_late_replies_pass asks, it may be so with any command. Hello and query are asked for
+// nothing that matters; a close without its own reply must be sent all the same, for nobody else closes the file.
+[[nodiscard]] bool may_get_late_reply(uint16_t command)
+{
+    switch (command) {
+    case hello_packet::command:
+    case query_packet::command:
+    case close_packet::file_command:
+    case close_packet::directory_command:
+        return false;
+    default:
+        return s_efs2_due.test(command) || s_efs2_due.test(hello_packet::command) ||
+               s_efs2_due.test(query_packet::command);
+    }
+}
+
+// The modem answers in order: what it still had to say comes before the reply to a query, or, where it does not answer
+// that, to a hello. Returns the exchange's result.
 [[nodiscard]] int32_t let_late_replies_pass()
 {
-    constexpr std::array<uint8_t, query_packet::request_size> query = {efs2_packet::code, efs2_packet::subsystem,
-                                                                       query_packet::command};
-    const int32_t result = await_reply(query);
-    if (result == exchange_accepted)
-        s_efs2_query = Query::answers;
-    else if (s_efs2_query == Query::not_known)
-        s_efs2_query = Query::ignores;
-    return result;
+    std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
+    if (!s_efs2_ignores_queries && !s_efs2_due.test(query_packet::command)) {
+        put_le16(request, efs2_packet::command_at, query_packet::command);
+        if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
+            return exchange_accepted;
+    }
+    put_le16(request, efs2_packet::command_at, hello_packet::command);
+    return await_reply(request);
 }
-
-enum class Order { kept, whatever_came_before };
 
 // Sends the first `length` bytes of the buffer. Returns the exchange's result. The reply is copied here and not by the
 // filter, which would write into a request that is still being sent, or into the next one after a time-out.
-[[nodiscard]] int32_t exchange(size_t length, Order order = Order::kept)
+[[nodiscard]] int32_t exchange(size_t length)
 {
-    const bool is_due = s_efs2_reply_is_due && s_efs2_query != Query::ignores;
-    int32_t result = is_due ? let_late_replies_pass() : exchange_accepted;
-    // Without queries there is no telling, and all that can be done is to go on.
-    if (result == exchange_accepted || s_efs2_query == Query::ignores || order == Order::whatever_came_before)
+    const bool is_late = may_get_late_reply(get_le16(s_efs2_rsp, efs2_packet::command_at));
+    int32_t result = is_late ? let_late_replies_pass() : exchange_accepted;
+    if (result == exchange_accepted)
         result = await_reply(std::span(s_efs2_rsp).first(length));
     if (result != exchange_accepted)
         return result;
@@ -277,9 +299,9 @@ enum class Order { kept, whatever_came_before };
 
 // Sends the first `length` bytes of the buffer and judges the reply. Returns 0, -1 or the negated failure of the
 // exchange.
-[[nodiscard]] int32_t ask(size_t length, size_t error_at, Order order = Order::kept)
+[[nodiscard]] int32_t ask(size_t length, size_t error_at)
 {
-    const int32_t result = exchange(length, order);
+    const int32_t result = exchange(length);
     if (result != exchange_accepted)
         return -result;
     return refused(error_at) ? -1 : 0;
@@ -308,8 +330,7 @@ void adopt_sequence(uint16_t& sequence, uint16_t received)
 {
     begin_request(command);
     put_le32(s_efs2_rsp, close_packet::descriptor_at, static_cast<uint32_t>(descriptor));
-    // A file that stays open may not be whole, and nobody else closes it.
-    return ask(close_packet::request_size, close_packet::error_at, Order::whatever_came_before);
+    return ask(close_packet::request_size, close_packet::error_at);
 }
 
 [[nodiscard]] bool efs2_send_hello()
@@ -346,7 +367,6 @@ int32_t query_limit(size_t offset)
     begin_request(command);
     if (exchange(request_size) != exchange_accepted)
         return false;
-    s_efs2_query = Query::answers;
     s_efs2_query_rsp.fill(0);
     std::ranges::copy(reply().first(std::min(s_efs2_rsp_len, reply_size)), s_efs2_query_rsp.begin());
     if (s_efs2_verbose == 0)
@@ -373,6 +393,7 @@ void efs2_set_verbose(int32_t on)
 
 int32_t efs2_init()
 {
+    s_efs2_ignores_queries = false; // it may be another firmware by now
     if (!efs2_send_hello() || !efs2_send_query())
         return 0;
     s_efs2_initialzed = 1;

@@ -7,9 +7,9 @@
 //                       buffer, which is an ERROR, too, and nothing is sent
 //   -71, -1             no reply: the exchange's failure (exchange_timed_out, exchange_no_response), negated
 //
-// and leaves its outputs alone. After a request that got no reply, the next one waits for the reply to a query first,
-// and is not sent without it, but for a close: a late reply looks like one to a later request of the same kind, about
-// another file. A modem that has not answered the first query gets no more of them. Fields that a reply does not carry
+// and leaves its outputs alone. After a request that got no reply, the next one of its kind waits for the reply to a
+// query first, or to a hello where the modem does not answer queries, and is not sent without it, but for a close: a
+// late reply looks like one to a later request of the same kind, about another file. Fields that a reply does not carry
 // count as zero, and data end where the reply ends, whatever it announces; what is announced and not taken is a
 // WARNING. Paths are given without their zero.
 //

@@ -15,6 +15,12 @@ constexpr size_t data_size = 128, size = 133;
 static_assert(data_at + data_size == status_at && status_at + 2 == size);
 } // namespace nv_packet
 
+// Statuses that more is made of than their text.
+namespace nv_status {
+constexpr uint16_t done = 0, queued = 1, not_active = 5, bad_parameter = 6, write_protected = 7,
+                   not_valid_for_target = 8;
+} // namespace nv_status
+
 using NvPacket = std::array<uint8_t, nv_packet::size>;
 
 // Reads `item`, its entry `index` where it is an indexed one, and shows the response and its status. No response: says

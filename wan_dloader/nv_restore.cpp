@@ -50,7 +50,7 @@ bool s_is_damaged = false;
 // Shared with the reader thread.
 std::mutex s_nv_mutex;
 NvPacket DiagNvPkt{};    // the request in flight
-bool s_nv_taken = false; // the modem did what it asks
+bool s_nv_taken = false; // the modem did what it asks, or keeps the item from being written: no restore could then
 
 // Numbers of the item files written outside of a restore, in the life of the process.
 uint16_t seq_num = 0;
@@ -63,7 +63,9 @@ int32_t NvRestoreCallback(std::span<const uint8_t> packet, uintptr_t /*user_data
     const auto response = nv_response(packet, DiagNvPkt);
     if (response.empty())
         return 1;
-    s_nv_taken = get_u8(packet, 0) != bad_spc_code && get_le16(response, nv_packet::status_at) == 0;
+    const uint16_t status = get_le16(response, nv_packet::status_at);
+    s_nv_taken =
+        get_u8(packet, 0) != bad_spc_code && (status == nv_status::done || status == nv_status::write_protected);
     return judge_nv_status(response);
 }
 
@@ -114,24 +116,34 @@ int32_t open_efs_file(const std::string& path)
     return descriptor;
 }
 
-// Writes `data` to the open file `descriptor` of the modem. 0, or 1 with an ERROR.
-int32_t write_pieces(int32_t descriptor, std::span<const uint8_t> data, const std::string& path)
+// Writes `data` to the open file `descriptor` of the modem. False with an ERROR when that fails.
+bool write_pieces(int32_t descriptor, std::span<const uint8_t> data, const std::string& path)
 {
     for (size_t offset = 0; offset < data.size();) {
         const auto piece = data.subspan(offset).first(std::min<size_t>(data.size() - offset, transfer_piece));
         const int32_t written = efs2_write_file(descriptor, piece, static_cast<uint32_t>(offset));
         if (written < 0) {
             log_error("Failed to write EFS file: %s", printable(path).c_str());
-            return 1;
+            return false;
         }
         if (static_cast<size_t>(written) < piece.size()) {
             log_error("Failed to write %d bytes (only %d) to EFS file: %s", static_cast<int>(piece.size()), written,
                       printable(path).c_str());
-            return 1;
+            return false;
         }
         offset += piece.size();
     }
-    return 0;
+    return true;
+}
+
+// The same, and closes it.
+bool write_and_close(int32_t descriptor, std::span<const uint8_t> data, const std::string& path)
+{
+    const bool written = write_pieces(descriptor, data, path);
+    const bool closed = efs2_close_file(descriptor) == 0;
+    if (!closed)
+        log_error("Failed to close EFS file: %s, it may not be whole", printable(path).c_str());
+    return written && closed;
 }
 
 // ---- restore ----
@@ -299,9 +311,8 @@ int32_t EfsFileRestore(const std::string& file_name)
             ++failed;
             continue;
         }
-        if (write_pieces(descriptor, record->data, record->path) != 0)
+        if (!write_and_close(descriptor, record->data, record->path))
             ++failed;
-        (void)efs2_close_file(descriptor);
     }
     log_info(">>> Totally restored %d EFS files", static_cast<int>(chunk.header.count));
     report_failed(failed, "EFS files");
@@ -593,7 +604,5 @@ int32_t write_efsfile(const std::string& path, std::span<const uint8_t> data)
         log_warning("Failed to open %s, skip it\n", printable(path).c_str());
         return 1;
     }
-    const int32_t result = write_pieces(descriptor, data, path);
-    (void)efs2_close_file(descriptor);
-    return result;
+    return write_and_close(descriptor, data, path) ? 0 : 1;
 }

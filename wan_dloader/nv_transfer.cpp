@@ -96,21 +96,20 @@ std::span<const uint8_t> nv_response(std::span<const uint8_t> packet, const NvPa
 
 int32_t judge_nv_status(std::span<const uint8_t> response)
 {
-    constexpr uint16_t done = 0, queued = 1;
     const uint16_t status = get_le16(response, nv_packet::status_at);
     const int item = get_le16(response, nv_packet::item_at);
-    if (status == done)
+    if (status == nv_status::done)
         return 0;
     if (const char* text = nv_status_text(status))
         log_warning("NV item (%d): %s", item, text);
     else
         log_warning("NV item (%d): Unknown status - %d", item, status);
-    return status == queued ? 1 : 0;
+    return status == nv_status::queued ? 1 : 0;
 }
 
 bool has_no_nv_item_to_restore(std::span<const uint8_t> response)
 {
-    constexpr uint16_t not_active = 5, bad_parameter = 6, write_protected = 7, not_valid_for_target = 8;
+    using namespace nv_status;
     const uint16_t status = get_le16(response, nv_packet::status_at);
     return status == not_active || status == bad_parameter || status == write_protected ||
            status == not_valid_for_target;

@@ -19,8 +19,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <optional>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -123,6 +125,14 @@ bool has_whole_backup()
     return forced;
 }
 
+// Puts the names of the copies on the disk, too: they are about to be all that is left.
+void sync_data_folder()
+{
+    const UniqueFd folder(open("/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fsync(folder.get()) != 0)
+        log_warning("fsync /data: %s", error_text(errno).c_str());
+}
+
 // Ends the run behind the backup, which has taken the modem offline: it starts anew, and serves as before.
 EndOfRun leave_modem_as_it_was()
 {
@@ -155,6 +165,7 @@ EndOfRun prepare_flash()
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
     if (copies_linux_images && !has_room_for_linux_images())
         return leave_modem_as_it_was();
+    sync_data_folder();
     if (EraseAllPartitions(s_diag_port) != 0)
         return status_failed;
     set_emergency_download_mode(1); // what is left is the boot ROM

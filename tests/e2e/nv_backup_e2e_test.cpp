@@ -135,8 +135,7 @@ TEST_F(FullModem, LosesWhatFollowsALongItemFile)
 TEST_F(NvBackup, HoldsWhatTheModemGave)
 {
     // Replies: to the offline request, items, hello, query, radio files; then two to each file that there is.
-    // What has no answer, or one to another request, is asked for twice, a file behind a query; an item that is queued
-    // is not.
+    // What has no answer, or one to another request, is asked for twice; an item that is queued is not.
     // After the last radio file, whose answer comes when it is asked for again, a query and its second answer.
     const size_t late = 2 + NvItemList.size() + 1 + 2 + 152, before = late + 3;
     const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
@@ -145,8 +144,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     modem("normal" + fault("drop", 2) + fault("delay", 7, ":5500") + fault("delay", 8, ":100") +
           fault("error", 9, ":0x42") + fault("delay", late, ":5500") + fault("delay", late + 1, ":30") +
           fault("refuse", before + 8, ":13") + fault("sequence", before + 12) + fault("sequence", before + 14) +
-          fault("drop", before + 16) + fault("short", before + 21, ":314") + fault("refuse", before + 62, ":13") +
-          fault("refuse", before + 66, ":16") + fault("short", before + 68, ":12"));
+          fault("drop", before + 16) + fault("short", before + 20, ":314") + fault("refuse", before + 61, ":13") +
+          fault("refuse", before + 65, ":16") + fault("short", before + 67, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},

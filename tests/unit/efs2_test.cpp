@@ -251,4 +251,26 @@ TEST_F(Efs2, RefusesRequestsBeyondTheBuffer)
         expect({}, -1, "E RIL_TESSEL: EFS2 request is too long: ", run);
 }
 
+// A late reply says nothing of the file that it came from. One is let pass by a hello here, for want of queries;
+// without that nothing is asked, but a file is closed.
+TEST_F(Efs2, TakesNoLateReplyForAnother)
+{
+    const Bytes hello = packet(0, Bytes(40)), query = packet(1, {}), greeting = framed(packet(0, {}));
+    const Turn absent = turn(15, text("/a"), le32(2)), present = turn(15, text("/b"), le32(0)),
+               closed = turn(3, le32(7), {});
+    const auto stat = [](const char* path) { return [path] { return efs2_stat(path, nullptr); }; };
+    const auto close = [] { return efs2_close_file(7); };
+    expect({{hello, greeting}, {query, {}}}, 0, "Timeout!", efs2_init);
+    expect({{hello, greeting}, {absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
+    expect({closed}, 0, "", close); // a reply to something else: that to the stat is lost
+    expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
+    expect({{hello, absent.wire + greeting}, present}, 0, "", stat("/b"));
+    expect({{present.request, {}}}, -exchange_timed_out, "Timeout!", stat("/b"));
+    expect({{hello, {}}}, -exchange_timed_out, "Timeout!", stat("/b"));
+    expect({{hello, {}}}, -exchange_timed_out, "Timeout!", [] { return efs2_remove("/b"); });
+    expect({closed}, 0, "", close);
+    expect({absent}, -1, error("No such file or directory"), stat("/a"));
+    expect({{hello, greeting}, {query, framed(query)}}, 1, "", efs2_init);
+}
+
 } // namespace
