@@ -266,7 +266,7 @@ private:
         const uint32_t before = unanswered_requests();
         Fetch result = get();
         const bool timed_out = unanswered_requests() != before;
-        if ((result == Fetch::left_out || result == Fetch::withheld) && timed_out)
+        if (result == Fetch::withheld && timed_out) // what is left out was answered for
             result = Fetch::unanswered;
         silent_ = result == Fetch::unanswered && timed_out;
         return result;
