@@ -58,6 +58,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -288,6 +289,7 @@ int32_t wan_dloader_main(int32_t argc, char** argv, const Applet* /*row*/)
         usage(argv[0]);
         return exit_usage;
     }
+    (void)signal(SIGPIPE, SIG_IGN); // who reads the messages may end, a run on the modem goes on
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no second thread yet
     for (int option = 0; (option = getopt(argc, argv, "hap:dP:D:vR:m:elon:t:fEsr")) != -1;) {
         if (const auto status = take_option(option, optarg, argv[0]))

@@ -403,6 +403,15 @@ TEST_F(SmallModem, HasOneVisitorAtATime)
     EXPECT_THAT(actions(), IsEmpty());
 }
 
+// A run goes on when its messages are read no more.
+TEST_F(SmallModem, IsSavedAlsoUnheard)
+{
+    modem("normal");
+    fill_all();
+    EXPECT_THAT(complaints_of(run("{ tessel wan_dloader -o -nb; echo $? >/data/status; } | head -n 1")), IsEmpty());
+    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}, {"status", "0\n"}}));
+}
+
 // In the place of a backup is something else.
 TEST_F(SmallModem, BackupIsAFile)
 {
