@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <bitset>
 #include <cstddef>
 #include <iterator>
 #include <utility>
@@ -178,10 +177,11 @@ std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
 size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
 uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
-// By command: whether a request is without its reply, which may still come. It comes before those to later requests, so
+// A bit a command: a request is without its reply, which may still come. It comes before those to later requests, so
 // that all are forgotten with the next reply to another command.
-std::bitset<64> s_efs2_due;
-bool s_efs2_ignores_queries = false; // the modem: one had no reply, and a later request had
+std::atomic<uint64_t> s_efs2_due = 0;
+std::atomic<uint32_t> s_efs2_strays = 0; // replies that were due to no request
+bool s_efs2_ignores_queries = false;     // the modem: one had no reply, and a later request had
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
@@ -189,11 +189,25 @@ std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 // made.
 std::atomic<uint32_t> s_efs2_req_header = 0;
 
+// Whether a request with this command is without its reply. Any thread.
+[[nodiscard]] bool is_due(uint16_t command)
+{
+    constexpr uint16_t commands = 64;
+    return command < commands && (s_efs2_due >> command & 1) != 0;
+}
+
 // Takes the reply that begins as the request did. Reader thread.
 int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
-    const bool awaited = packet.size() >= efs2_packet::header_size && get_le32(packet, 0) == s_efs2_req_header;
-    return awaited ? 0 : 1;
+    if (packet.size() < efs2_packet::header_size)
+        return 1;
+    if (get_le32(packet, 0) == s_efs2_req_header)
+        return 0;
+    const bool reply =
+        get_u8(packet, 0) == efs2_packet::code && get_u8(packet, efs2_packet::subsystem_at) == efs2_packet::subsystem;
+    if (reply && !is_due(get_le16(packet, efs2_packet::command_at)))
+        ++s_efs2_strays;
+    return 1;
 }
 
 std::span<const uint8_t> reply()
@@ -233,12 +247,12 @@ void begin_request(uint16_t command)
     s_efs2_req_header = get_le32(request, 0);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
     if (result != exchange_accepted) {
-        s_efs2_due.set(command);
+        s_efs2_due |= uint64_t{1} << command;
         return result;
     }
-    if (s_efs2_due.test(query_packet::command) && command != query_packet::command)
+    if (is_due(query_packet::command) && command != query_packet::command)
         s_efs2_ignores_queries = true;
-    s_efs2_due.reset();
+    s_efs2_due = 0;
     return result;
 }
 
@@ -254,8 +268,7 @@ void begin_request(uint16_t command)
     case close_packet::directory_command:
         return false;
     default:
-        return s_efs2_due.test(command) || s_efs2_due.test(hello_packet::command) ||
-               s_efs2_due.test(query_packet::command);
+        return is_due(command) || is_due(hello_packet::command) || is_due(query_packet::command);
     }
 }
 
@@ -264,7 +277,7 @@ void begin_request(uint16_t command)
 [[nodiscard]] int32_t let_late_replies_pass()
 {
     std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
-    if (!s_efs2_ignores_queries && !s_efs2_due.test(query_packet::command)) {
+    if (!s_efs2_ignores_queries && !is_due(query_packet::command)) {
         put_le16(request, efs2_packet::command_at, query_packet::command);
         if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
             return exchange_accepted;
@@ -496,6 +509,11 @@ int32_t efs2_stat(std::string_view path, Efs2Stat* status)
         };
     }
     return 0;
+}
+
+uint32_t efs2_stray_replies()
+{
+    return s_efs2_strays;
 }
 
 bool efs2_not_found()

@@ -26,7 +26,7 @@ extern int32_t s_efs2_initialzed; // 1 once an efs2_init succeeded
 // What a mode says about the kind of file.
 namespace efs2_mode {
 constexpr uint32_t type_bits = 0xF000;
-constexpr uint32_t regular_file = 0x8000, item_file = 0xE000;
+constexpr uint32_t directory = 0x4000, regular_file = 0x8000, item_file = 0xE000;
 } // namespace efs2_mode
 
 struct Efs2Stat {
@@ -66,6 +66,10 @@ void efs2_set_verbose(int32_t on);
 
 // Tells about a file; `status` may be null. A reply that ends before the file's size is an ERROR and -1.
 [[nodiscard]] int32_t efs2_stat(std::string_view path, Efs2Stat* status);
+
+// How many EFS2 replies came that no request was waiting for, and none had been given up for. Where one comes twice,
+// the second is taken for that to the next request of its kind, whose own is then such a reply. Any thread.
+[[nodiscard]] uint32_t efs2_stray_replies();
 
 // Whether the last operation failed for want of such a file or directory.
 [[nodiscard]] bool efs2_not_found();

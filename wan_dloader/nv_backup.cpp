@@ -161,12 +161,14 @@ std::vector<uint8_t> file_record(const std::string& path, uint32_t size, std::sp
     return record;
 }
 
-// What is stored as the other kind of file has data all the same; a directory has none.
+// What is stored as the other kind of file has data all the same; a directory has none. Of what is no kind at all there
+// is no telling.
 Fetch other_kind(const Efs2Stat& status)
 {
     const uint32_t type = status.mode & efs2_mode::type_bits;
-    const bool has_data = type == efs2_mode::regular_file || type == efs2_mode::item_file;
-    return has_data && status.size != 0 ? Fetch::withheld : Fetch::left_out;
+    const bool is_file = type == efs2_mode::regular_file || type == efs2_mode::item_file;
+    const bool has_data = is_file ? status.size != 0 : type != efs2_mode::directory;
+    return has_data ? Fetch::withheld : Fetch::left_out;
 }
 
 // The contents of an item file; a WARNING when the modem has none of this name and kind, or does not give it.
@@ -317,6 +319,7 @@ template <typename Get>
 FilePass append_files(FILE* file, uint32_t tag, std::span<const NvFileRow> files, const Get& get)
 {
     FilePass pass = {{tag, 0, 0}, {}};
+    const uint32_t strays = efs2_stray_replies();
     (void)fseeko(file, 0, SEEK_END);
     write_nv_chunk_header(file, pass.chunk);
     (void)efs2_init(); // what a modem without EFS2 cannot give shows file by file
@@ -326,6 +329,7 @@ FilePass append_files(FILE* file, uint32_t tag, std::span<const NvFileRow> files
         if (pass.tries([&] { return get(row.path, status, contents); }) == Fetch::got)
             append_file(file, pass.chunk, row.path, status.size, contents);
     }
+    s_unread += stray_replies_since(strays);
     return pass;
 }
 

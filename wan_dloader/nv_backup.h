@@ -23,8 +23,8 @@
 [[nodiscard]] int32_t EfsFileBackup(const std::string& file_name);
 
 // How many values of the modem are not in the backup as it has them, after the last three passes: those that it did not
-// give, or not whole, and those that the format cannot hold. What it does not have, or keeps from being written, is
-// none of them.
+// give, or not whole, those that the format cannot hold, and those that may be another's, for an answer came twice.
+// What it does not have, or keeps from being written, is none of them.
 [[nodiscard]] uint32_t nv_values_unread();
 
 // Lists the contents of a backup file at INFO. Says OK in the end for whatever begins like a backup file; an ERROR when

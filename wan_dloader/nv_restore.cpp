@@ -350,9 +350,11 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
     request_modem_mode(ModemMode::offline);
     // Each step is of use without the others, and says itself what went wrong.
     s_unrestored = 0;
+    const uint32_t strays = efs2_stray_replies();
     for (const auto step : {NvItemRestore, NvItemFileRestore, EfsFileRestore})
         if (step(file_name) != 0)
             ++s_unrestored;
+    s_unrestored += stray_replies_since(strays);
     request_modem_mode(ModemMode::reset); // starts on the restored data
     CloseSerialPort();
     return 0;

@@ -78,5 +78,8 @@ enum class Fetch {
 [[nodiscard]] Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
                                      std::vector<uint8_t>& data);
 
+// How many stray EFS2 replies have come since there were `before` of them; an ERROR when there are any.
+[[nodiscard]] uint32_t stray_replies_since(uint32_t before);
+
 // How many bytes that fetches of an item file of `size` bytes.
 [[nodiscard]] uint32_t fetched_of_nvitemfile(uint32_t size);

@@ -271,6 +271,15 @@ TEST_F(Efs2, TakesNoLateReplyForAnother)
     expect({closed}, 0, "", close);
     expect({absent}, -1, error("No such file or directory"), stat("/a"));
     expect({{hello, greeting}, {query, framed(query)}}, 1, "", efs2_init);
+
+    // One that comes twice is taken for that to the next, and its own is too much then.
+    const uint32_t strays = efs2_stray_replies();
+    const Bytes two = absent.wire + absent.wire;
+    expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
+    expect({{query, two + framed(query)}, absent}, -1, error("No such file or directory"), stat("/a"));
+    EXPECT_EQ(efs2_stray_replies(), strays);
+    expect({{closed.request, present.wire + closed.wire}}, 0, "", close);
+    EXPECT_EQ(efs2_stray_replies(), strays + 1);
 }
 
 } // namespace
