@@ -227,17 +227,19 @@ TEST_F(NvRestore, GoesOnWhereTheModemRefuses)
     EXPECT_THAT(complaints(), Contains("complaint: wrong service programming code"));
 }
 
-// The modem opens the files, and so empties them, but says so only once.
+// The modem opens the files, and so empties them, but says so only once; and it does not close the first one.
 TEST_F(NvRestore, OpensAFileAgainWhenTheAnswerIsLost)
 {
-    modem("normal --fault drop@9 --fault drop@16 --fault drop@18");
+    modem("normal --fault drop@9 --fault refuse@14:13 --fault drop@16 --fault drop@18");
     write_file(backup, good_backup);
     fill("efs", {{"sd/e", std::string(700, 'x')}, {"sd/f", "old"}});
     const auto r = run("tessel wan_dloader -nr");
     const std::string timeout = "E Timeout!", no_open = "W EFS2 OPEN DIAG command failure: 71";
-    EXPECT_THAT(complaints_of(r), ElementsAre(timeout, no_open, timeout, no_open, timeout, no_open,
-                                              "E No answer to opening /sd/f, it may be empty on the modem",
-                                              "E Failed to open EFS file: /sd/f", "E 1 EFS files were not restored"));
+    EXPECT_THAT(complaints_of(r),
+                ElementsAre(timeout, no_open, "E Permission denied.",
+                            "E Failed to close EFS file: /sd/e, it may not be whole", timeout, no_open, timeout,
+                            no_open, "E No answer to opening /sd/f, it may be empty on the modem",
+                            "E Failed to open EFS file: /sd/f", "E 2 EFS files were not restored"));
     EXPECT_EQ(read_file("/modem/efs/sd/e"), hand_made_files.at("sd/e"));
     EXPECT_EQ(read_file("/modem/efs/sd/f"), "");
 }
