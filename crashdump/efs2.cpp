@@ -178,10 +178,10 @@ size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
 uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
 // A bit a command: a request is without its reply, which may still come. It comes before those to later requests, so
-// that all are forgotten with the next reply to another command.
+// that all are forgotten with the next reply. That may be a late one itself, to a hello or query before.
 std::atomic<uint64_t> s_efs2_due = 0;
 std::atomic<uint32_t> s_efs2_strays = 0; // replies that were due to no request
-bool s_efs2_ignores_queries = false;     // the modem: one had no reply, and a later request had
+bool s_efs2_ignores_queries = false;     // the modem: one had no reply before a later request had
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 

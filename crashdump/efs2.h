@@ -7,11 +7,11 @@
 //                       buffer, which is an ERROR, too, and nothing is sent
 //   -71, -1             no reply: the exchange's failure (exchange_timed_out, exchange_no_response), negated
 //
-// and leaves its outputs alone. After a request that got no reply, the next one of its kind waits for the reply to a
-// query first, or to a hello where the modem does not answer queries, and is not sent without it, but for a close: a
-// late reply looks like one to a later request of the same kind, about another file. Fields that a reply does not carry
-// count as zero, and data end where the reply ends, whatever it announces; what is announced and not taken is a
-// WARNING. Paths are given without their zero.
+// and leaves its outputs alone. After a request that got no reply, the next one of its kind, and behind a hello or
+// query any, waits for the reply to a query first, or to a hello where the modem does not answer queries, and is not
+// sent without it, but for a close: a late reply looks like one to a later request of the same kind, about another
+// file. Fields that a reply does not carry count as zero, and data end where the reply ends, whatever it announces;
+// what is announced and not taken is a WARNING. Paths are given without their zero.
 //
 // One operation at a time, all on the main thread, with a port opened by OpenSerialPort.
 #pragma once
@@ -68,7 +68,8 @@ void efs2_set_verbose(int32_t on);
 [[nodiscard]] int32_t efs2_stat(std::string_view path, Efs2Stat* status);
 
 // How many EFS2 replies came that no request was waiting for, and none had been given up for. Where one comes twice,
-// the second is taken for that to the next request of its kind, whose own is then such a reply. Any thread.
+// the second is taken for that to the next request of its kind, whose own is then such a reply, unless it comes while
+// no request is waiting: then it is not seen. Late replies to more than one hello or query count, too. Any thread.
 [[nodiscard]] uint32_t efs2_stray_replies();
 
 // Whether the last operation failed for want of such a file or directory.
