@@ -1,6 +1,7 @@
 #include "crashdump/efs2.h"
 
 #include "app/applet_log.h"
+#include "crashdump/efs2_replies.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 
@@ -177,11 +178,10 @@ std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
 size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
 uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
-// A bit a command: a request is without its reply, which may still come. It comes before those to later requests, so
-// that all are forgotten with the next reply. That may be a late one itself, to a hello or query before.
-std::atomic<uint64_t> s_efs2_due = 0;
-std::atomic<uint32_t> s_efs2_strays = 0; // replies that were due to no request
-bool s_efs2_ignores_queries = false;     // the modem: one had no reply before a later request had
+DueReplies s_efs2_due;
+bool s_efs2_answered = false;                // the last request got its reply
+bool s_efs2_ignores_queries = false;         // the modem: one was without its reply when a later request had its own
+std::atomic<bool> s_efs2_takes_last = false; // of several replies of a kind that are due
 
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 
@@ -189,25 +189,20 @@ std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
 // made.
 std::atomic<uint32_t> s_efs2_req_header = 0;
 
-// Whether a request with this command is without its reply. Any thread.
-[[nodiscard]] bool is_due(uint16_t command)
+// Takes note of every EFS2 reply, also while no request is waiting. Reader thread.
+void efs2_observe(std::span<const uint8_t> packet)
 {
-    constexpr uint16_t commands = 64;
-    return command < commands && (s_efs2_due >> command & 1) != 0;
+    if (packet.size() >= efs2_packet::header_size && get_u8(packet, 0) == efs2_packet::code &&
+        get_u8(packet, efs2_packet::subsystem_at) == efs2_packet::subsystem)
+        s_efs2_due.note(get_le16(packet, efs2_packet::command_at));
 }
 
 // Takes the reply that begins as the request did. Reader thread.
 int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
-    if (packet.size() < efs2_packet::header_size)
+    if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_efs2_req_header)
         return 1;
-    if (get_le32(packet, 0) == s_efs2_req_header)
-        return 0;
-    const bool reply =
-        get_u8(packet, 0) == efs2_packet::code && get_u8(packet, efs2_packet::subsystem_at) == efs2_packet::subsystem;
-    if (reply && !is_due(get_le16(packet, efs2_packet::command_at)))
-        ++s_efs2_strays;
-    return 1;
+    return s_efs2_takes_last && s_efs2_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
 }
 
 std::span<const uint8_t> reply()
@@ -245,20 +240,19 @@ void begin_request(uint16_t command)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
+    SetRspObserver(efs2_observe);
+    s_efs2_due.expect(command);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
-    if (result != exchange_accepted) {
-        s_efs2_due |= uint64_t{1} << command;
-        return result;
+    s_efs2_answered = result == exchange_accepted;
+    if (s_efs2_answered && s_efs2_due.due(command) == 0) { // it was its own
+        s_efs2_ignores_queries = s_efs2_ignores_queries || s_efs2_due.due(query_packet::command) != 0;
+        s_efs2_due.forget_all();
     }
-    if (is_due(query_packet::command) && command != query_packet::command)
-        s_efs2_ignores_queries = true;
-    s_efs2_due = 0;
     return result;
 }
 
-// Whether the next reply to `command` may be one to an earlier request. Then it would tell of another file. While the
-// modem has not answered what let_late_replies_pass asks, it may be so with any command. Hello and query are asked for
-// nothing that matters; a close without its own reply must be sent all the same, for nobody else closes the file.
+// Whether the next reply to `command` may be one to an earlier request, and tell of another file. Hello and query are
+// asked for nothing that matters; a close must be sent all the same, for nobody else closes the file.
 [[nodiscard]] bool may_get_late_reply(uint16_t command)
 {
     switch (command) {
@@ -268,22 +262,29 @@ void begin_request(uint16_t command)
     case close_packet::directory_command:
         return false;
     default:
-        return is_due(command) || is_due(hello_packet::command) || is_due(query_packet::command);
+        return s_efs2_due.due(command) != 0;
     }
 }
 
-// The modem answers in order: what it still had to say comes before the reply to a query, or, where it does not answer
-// that, to a hello. Returns the exchange's result.
+// Waits for what the modem still had to say: all of it comes before the reply to a query, or, where one is due already,
+// to a hello. Returns the exchange's result.
 [[nodiscard]] int32_t let_late_replies_pass()
 {
     std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
-    if (!s_efs2_ignores_queries && !is_due(query_packet::command)) {
+    if (!s_efs2_ignores_queries && s_efs2_due.due(query_packet::command) == 0) {
         put_le16(request, efs2_packet::command_at, query_packet::command);
         if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
             return exchange_accepted;
     }
     put_le16(request, efs2_packet::command_at, hello_packet::command);
-    return await_reply(request);
+    const uint32_t due = s_efs2_due.due(hello_packet::command);
+    s_efs2_takes_last = true;
+    const int32_t result = await_reply(request);
+    s_efs2_takes_last = false;
+    // Silent behind the reply to another hello: there is one less than was thought.
+    if (result != exchange_accepted && s_efs2_due.due(hello_packet::command) <= due)
+        s_efs2_due.forget(hello_packet::command);
+    return result;
 }
 
 // Sends the first `length` bytes of the buffer. Returns the exchange's result. The reply is copied here and not by the
@@ -513,7 +514,13 @@ int32_t efs2_stat(std::string_view path, Efs2Stat* status)
 
 uint32_t efs2_stray_replies()
 {
-    return s_efs2_strays;
+    return s_efs2_due.strays();
+}
+
+void efs2_await_strays()
+{
+    if (s_efs2_answered)
+        (void)let_late_replies_pass();
 }
 
 bool efs2_not_found()

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -116,6 +117,7 @@ const uint8_t* sExpectedRspCode = nullptr;
 uint32_t sRequests = 0;
 RspFilter sRspCallback = nullptr;
 ResponseBuffer* sNoCopy = nullptr; // this side hands its responses over in sResponseBuf alone
+std::atomic<RspObserver> sRspObserver = nullptr;
 int32_t sVerbose = 0;
 std::array<uint8_t, pktio_buffer_size> sResponseBytes;
 
@@ -390,6 +392,11 @@ void SetRspCallback(RspFilter filter)
     sRspCallback = filter;
 }
 
+void SetRspObserver(RspObserver observer)
+{
+    sRspObserver = observer;
+}
+
 int32_t SendPktAndWait(std::span<const uint8_t> request, uint8_t expected_code)
 {
     return exchange(update_side, Form::plain, request, expected_code);
@@ -402,5 +409,7 @@ int32_t SendPktWithCallback(std::span<const uint8_t> request, uint8_t expected_c
 
 void prv_handle_packet(std::span<const uint8_t> packet, uintptr_t user_data)
 {
+    if (const RspObserver observer = sRspObserver)
+        observer(packet);
     receive(update_side, packet, user_data);
 }

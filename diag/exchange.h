@@ -15,6 +15,9 @@
 // thread, never under a lock of the exchange; `user_data` is the handler's.
 using RspFilter = int32_t (*)(std::span<const uint8_t> packet, uintptr_t user_data);
 
+// Is shown every packet that comes, before anything is done with it. Where and how it runs, as a filter.
+using RspObserver = void (*)(std::span<const uint8_t> packet);
+
 constexpr int32_t exchange_accepted = 0;
 constexpr int32_t exchange_no_response = 1;
 constexpr int32_t exchange_timed_out = 71; // time-out while the side's exit-on-timeout flag is set
@@ -76,6 +79,9 @@ void SetUpdateVerbose(int32_t on);
 
 // Installs `filter` for the plain requests that follow, until it is taken away with null. Main thread.
 void SetRspCallback(RspFilter filter);
+
+// Installs the observer of this side's packets, also of those that come while nothing is outstanding. Any thread.
+void SetRspObserver(RspObserver observer);
 
 // Sends `request` and waits for a response whose first byte is `expected_code`, or that the installed filter takes.
 // Returns exchange_accepted, exchange_timed_out or exchange_no_response; ERROR "Timeout!" with the latter two. A failed

@@ -140,6 +140,7 @@ Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequenc
 
 uint32_t stray_replies_since(uint32_t before)
 {
+    efs2_await_strays();
     const uint32_t strays = efs2_stray_replies() - before;
     if (strays != 0)
         log_error("%u EFS2 replies belong to no request: what came before may be another file's",

@@ -92,7 +92,7 @@ TEST_F(FullModem, IsTheSameAfterBackupLossAndRestore)
     ASSERT_EQ(nv.size(), 1360U);
     ASSERT_EQ(efs.size(), 188U + 8 + 1); // and the list of types
     EXPECT_THAT(complaints_of(take_turn(queue("-nb"))), IsEmpty());
-    EXPECT_EQ(requests().size(), 1 + 1489 + 2 + 189 * 2 + 2 + 8 * 4 + 2); // two files are longer than a piece
+    EXPECT_EQ(requests().size(), 1 + 1489 + 2 + 189 * 2 + 1 + 2 + 8 * 4 + 2 + 1); // two files are longer than a piece
     const std::string saved = read_file(backup);
 
     wipe();
@@ -144,8 +144,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     modem("normal" + fault("drop", 2) + fault("delay", 7, ":5500") + fault("delay", 8, ":100") +
           fault("error", 9, ":0x42") + fault("delay", late, ":5500") + fault("delay", late + 1, ":30") +
           fault("refuse", before + 8, ":13") + fault("sequence", before + 12) + fault("sequence", before + 14) +
-          fault("drop", before + 16) + fault("short", before + 20, ":314") + fault("refuse", before + 61, ":13") +
-          fault("refuse", before + 65, ":16") + fault("short", before + 67, ":12"));
+          fault("drop", before + 16) + fault("short", before + 20, ":314") + fault("refuse", before + 62, ":13") +
+          fault("refuse", before + 66, ":16") + fault("short", before + 68, ":12"));
     fill("nv", {{"00000", "0: 07\n"},
                 {"00005", "5: status 7 01\n"},
                 {"00010", "10: status 1 01\n"},

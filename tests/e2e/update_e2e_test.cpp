@@ -78,7 +78,8 @@ std::vector<Unsafe> unsafe()
     const std::string no_room = "No room in /data for the Linux images: .* bytes needed, .* free",
                       small_disk = "mount -t tmpfs -o size=40k none /data && ",
                       not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
-    const std::string first_file = std::to_string(4 + NvItemList.size() + 2);
+    const auto file = [](size_t row) { return std::to_string(4 + NvItemList.size() + 2 + row); };
+    const std::string first_file = file(0), last_file = file(NvItemFileList.size() + 1 + 2 + EFSFileList.size() - 1);
     return {
         {.name = "WithoutProgrammer", .error = "Not found emergency downloader", .package = "--without ENPRG9x15.hex"},
         {.name = "WithoutTable",
@@ -96,9 +97,10 @@ std::vector<Unsafe> unsafe()
         {.name = "Unanswered", .error = not_whole, .modem = "--fault drop@4 --fault drop@5"},
         {.name = "Refused", .error = not_whole, .modem = "--fault error@4:0x42"},
         {.name = "Withheld", .error = not_whole, .modem = "--fault refuse@" + first_file + ":13"},
-        {.name = "Doubled",
+        {.name = "Doubled", .error = not_whole, .modem = "--fault twice@" + first_file},
+        {.name = "DoubledAtLast",
          .error = not_whole,
-         .modem = "--fault twice@" + first_file + " --fault dribble@" + first_file + ":100"},
+         .modem = "--fault twice@" + last_file + " --fault dribble@" + last_file + ":1000"},
         {.name = "TooLong",
          .error = not_whole,
          .nv_data = {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
@@ -177,6 +179,20 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     flash_before.clear();
     expect_written(everything);
     EXPECT_THAT(data(), ElementsAre("nvbackup_golden.bin"));
+}
+
+// An answer to an item is lost, both when it is read, which is tried again, and when it is written.
+TEST_F(FirmwareUpdate, KeepsTheBackupOfWhatTheModemDidNotTake)
+{
+    modem("normal --revision RIDGE_01_05_0E --apps VA1 --fault diag/drop@4", full_modem(root()));
+    package(newer + without_nv_files);
+    run_through("-E", all_verified + all_written,
+                Texts{"W Modem firmware version (RIDGE_01_05_0E) is older than 01_05_0F",
+                      "W    Need to erase all partitions!!!", "E Timeout!", "W NV item (0): no answer", "E Timeout!",
+                      "W NV item (5): no answer", "E 1 NV items were not restored",
+                      "E Not all NV data were restored: the backup is kept as /data/nvbackup.bin.old"} +
+                    no_nv_files);
+    EXPECT_THAT(data(), ElementsAre("nvbackup.bin.old", "nvbackup_golden.bin"));
 }
 
 TEST_P(UnsafeUpdate, IsRefused)

@@ -82,12 +82,12 @@ public:
         }
     }
 
-    // The next `count` bytes from the product, or what came within two seconds.
+    // The next `count` bytes from the product, or what came until ten seconds passed without one.
     [[nodiscard]] Bytes receive(size_t count) const
     {
         Bytes bytes;
         pollfd waiting = {master_.get(), POLLIN, 0};
-        while (bytes.size() < count && poll(&waiting, 1, 2000) > 0) {
+        while (bytes.size() < count && poll(&waiting, 1, 10000) > 0) {
             uint8_t byte = 0;
             if (read(master_.get(), &byte, 1) != 1)
                 break;
@@ -96,16 +96,25 @@ public:
         return bytes;
     }
 
-    // Waits until the product has read all that was sent; a poll also moves what is still on its way into the line.
-    [[nodiscard]] bool drained() const
+    // Waits until it is so; false when it does not come to that.
+    template <typename Condition>
+    [[nodiscard]] static bool until(const Condition& is_so)
     {
         for (int tries = 0; tries < 5000; ++tries) {
-            pollfd line = {slave_.get(), POLLIN, 0};
-            if (poll(&line, 1, 0) == 0)
+            if (is_so())
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         return false;
+    }
+
+    // Waits until the product has read all that was sent; a poll also moves what is still on its way into the line.
+    [[nodiscard]] bool drained() const
+    {
+        return until([this] {
+            pollfd line = {slave_.get(), POLLIN, 0};
+            return poll(&line, 1, 0) == 0;
+        });
     }
 
     void unplug()
