@@ -1,7 +1,7 @@
 // Which EFS2 replies are still to come, for most of them do not say what they are about: a late one looks like that to
 // a later request with the same command.
 //
-// The modem replies in order and once. So a request's own reply tells that all to earlier ones have come, or never
+// The modem replies in order, and once. So a request's own reply tells that all to earlier ones have come, or never
 // will; but a reply can only be told to be the own one when no other with its command was due.
 #pragma once
 
