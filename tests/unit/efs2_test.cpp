@@ -263,8 +263,9 @@ TEST_F(Efs2, TakesNoLateReplyForAnother)
     const auto close = [] { return efs2_close_file(7); };
     expect({{hello, {}}}, 0, "Timeout!", efs2_init);
     expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
-    // This is the reply to the first hello, and the modem may still be busy with the stat behind it.
-    expect({{query, {}}, {hello, greeting}}, -exchange_timed_out, "Timeout!", stat("/b"));
+    // These are replies to hellos before, and the modem may still be busy with the stat in between.
+    expect({{hello, greeting}, {query, {}}}, 0, "Timeout!", efs2_init);
+    expect({{hello, greeting}}, -exchange_timed_out, "Timeout!", stat("/b"));
     expect({{hello, absent.wire + greeting}, present}, 0, "", stat("/b"));
     expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
     expect({{hello, {}}}, -exchange_timed_out, "Timeout!", stat("/b")); // it answers no queries
@@ -273,6 +274,7 @@ TEST_F(Efs2, TakesNoLateReplyForAnother)
     expect({{hello, greeting}, {query, framed(query)}}, 1, "", efs2_init);
 
     expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
+    expect({}, 0, "", [] { return efs2_await_strays(), 0; }); // not of a modem that is silent
     const uint32_t strays = efs2_stray_replies();
     peer.send(absent.wire + absent.wire); // nobody is waiting when it comes, and again
     EXPECT_TRUE(peer.until([&] { return efs2_stray_replies() == strays + 1; }));
