@@ -1,119 +1,18 @@
 #include "crashdump/efs2.h"
 
 #include "app/applet_log.h"
-#include "crashdump/efs2_replies.h"
+#include "crashdump/efs2_exchange.h"
+#include "crashdump/efs2_packets.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <iterator>
 #include <utility>
 
 namespace {
-
-// Every request and reply: 4B 13, command (2), then its fields, of four bytes unless a size is given. Little-endian. A
-// path comes last and ends with a zero. Offsets are a request's before the semicolon, a reply's behind it.
-namespace efs2_packet {
-constexpr uint8_t code = 0x4B, subsystem = 0x13;
-constexpr size_t subsystem_at = 1, command_at = 2, header_size = 4;
-constexpr size_t buffer_size = 2048; // of the longest request, and of what is kept of a reply
-} // namespace efs2_packet
-
-// Hello: ten fields, zero as the host has no windows to offer; the modem's windows, versions and features.
-namespace hello_packet {
-constexpr uint16_t command = 0;
-constexpr size_t request_size = 44;
-constexpr size_t targ_pkt_window_at = 4, targ_byte_window_at = 8, host_pkt_window_at = 12, host_byte_window_at = 16,
-                 iter_pkt_window_at = 20, iter_byte_window_at = 24, version_at = 28, min_version_at = 32,
-                 max_version_at = 36, feature_bits_at = 40;
-} // namespace hello_packet
-
-// Query: nothing; the modem's limits.
-namespace query_packet {
-constexpr uint16_t command = 1;
-constexpr size_t request_size = 4, reply_size = 28;
-constexpr size_t max_name_at = 4, max_path_at = 8, max_link_depth_at = 12, max_file_size_at = 16,
-                 max_dir_entries_at = 20, max_mounts_at = 24;
-} // namespace query_packet
-
-// Open: flags, mode, path; descriptor (signed), error.
-namespace open_packet {
-constexpr uint16_t command = 2;
-constexpr size_t flags_at = 4, mode_at = 8, path_at = 12;
-constexpr size_t descriptor_at = 4, error_at = 8;
-} // namespace open_packet
-
-// Close, of a file and of a directory: descriptor or handle; error.
-namespace close_packet {
-constexpr uint16_t file_command = 3, directory_command = 13;
-constexpr size_t descriptor_at = 4, request_size = 8;
-constexpr size_t error_at = 4;
-} // namespace close_packet
-
-// Read: descriptor, byte count, file offset; descriptor, file offset, bytes read, error, data.
-namespace read_packet {
-constexpr uint16_t command = 4;
-constexpr size_t descriptor_at = 4, count_at = 8, offset_at = 12, request_size = 16;
-constexpr size_t read_at = 12, error_at = 16, data_at = 20;
-constexpr size_t piece_size = 2028;
-static_assert(data_at + piece_size == efs2_packet::buffer_size);
-} // namespace read_packet
-
-// Write: descriptor, file offset, data; descriptor, file offset, bytes written, error.
-namespace write_packet {
-constexpr uint16_t command = 5;
-constexpr size_t descriptor_at = 4, offset_at = 8, data_at = 12;
-constexpr size_t written_at = 12, error_at = 16;
-constexpr size_t piece_size = 2036;
-static_assert(data_at + piece_size == efs2_packet::buffer_size);
-} // namespace write_packet
-
-// Remove: path; error.
-namespace remove_packet {
-constexpr uint16_t command = 8;
-constexpr size_t path_at = 4;
-constexpr size_t error_at = 4;
-} // namespace remove_packet
-
-// Open directory: path; handle, error.
-namespace open_dir_packet {
-constexpr uint16_t command = 11;
-constexpr size_t path_at = 4;
-constexpr size_t handle_at = 4, error_at = 8;
-} // namespace open_dir_packet
-
-// Read directory: handle, entry number; handle, entry number, error, the entry.
-namespace read_dir_packet {
-constexpr uint16_t command = 12;
-constexpr size_t handle_at = 4, sequence_at = 8, request_size = 12;
-constexpr size_t error_at = 12, type_at = 16, mode_at = 20, size_at = 24, atime_at = 28, mtime_at = 32, ctime_at = 36,
-                 name_at = 40;
-} // namespace read_dir_packet
-
-// Stat: path; error, then the file's status.
-namespace stat_packet {
-constexpr uint16_t command = 15;
-constexpr size_t path_at = 4;
-constexpr size_t error_at = 4, mode_at = 8, size_at = 12, link_count_at = 16, atime_at = 20, mtime_at = 24;
-} // namespace stat_packet
-
-// Put: data length, flags, sequence (2), data, path; sequence (2), error, which is not aligned.
-namespace put_packet {
-constexpr uint16_t command = 38;
-constexpr size_t length_at = 4, flags_at = 8, sequence_at = 12, data_at = 14;
-constexpr size_t reply_sequence_at = 4, error_at = 6;
-} // namespace put_packet
-
-// Get: most data wanted, path length (left zero: the path has its own end), sequence (2), path; data length, error,
-// sequence (2), data.
-namespace get_packet {
-constexpr uint16_t command = 39;
-constexpr size_t room_at = 4, sequence_at = 12, path_at = 14;
-constexpr size_t length_at = 4, error_at = 8, data_at = 14;
-} // namespace get_packet
 
 struct ErrorText {
     uint32_t number;
@@ -178,32 +77,7 @@ std::array<uint8_t, efs2_packet::buffer_size> s_efs2_rsp;
 size_t s_efs2_rsp_len = 0; // bytes of the reply; 0 when none came
 uint32_t s_efs2_error = 0; // number in it, of an operation that was refused
 
-DueReplies s_efs2_due;
-bool s_efs2_answered = false;                // the last request got its reply
-bool s_efs2_ignores_queries = false;         // the modem: one was without its reply when a later request had its own
-std::atomic<bool> s_efs2_takes_last = false; // of several replies of a kind that are due
-
 std::array<uint8_t, query_packet::reply_size> s_efs2_query_rsp;
-
-// The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
-// made.
-std::atomic<uint32_t> s_efs2_req_header = 0;
-
-// Takes note of every EFS2 reply, also while no request is waiting. Reader thread.
-void efs2_observe(std::span<const uint8_t> packet)
-{
-    if (packet.size() >= efs2_packet::header_size && get_u8(packet, 0) == efs2_packet::code &&
-        get_u8(packet, efs2_packet::subsystem_at) == efs2_packet::subsystem)
-        s_efs2_due.note(get_le16(packet, efs2_packet::command_at));
-}
-
-// Takes the reply that begins as the request did. Reader thread.
-int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
-{
-    if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_efs2_req_header)
-        return 1;
-    return s_efs2_takes_last && s_efs2_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
-}
 
 std::span<const uint8_t> reply()
 {
@@ -235,66 +109,11 @@ void begin_request(uint16_t command)
     return length;
 }
 
-// Sends a request and waits for its reply, which the exchange holds then. Returns the exchange's result.
-[[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
-{
-    const uint16_t command = get_le16(request, efs2_packet::command_at);
-    s_efs2_req_header = get_le32(request, 0);
-    SetRspObserver(efs2_observe);
-    s_efs2_due.expect(command);
-    const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
-    s_efs2_answered = result == exchange_accepted;
-    if (s_efs2_answered && s_efs2_due.due(command) == 0) { // it was its own
-        s_efs2_ignores_queries = s_efs2_ignores_queries || s_efs2_due.due(query_packet::command) != 0;
-        s_efs2_due.forget_all();
-    }
-    return result;
-}
-
-// Whether the next reply to `command` may be one to an earlier request, and tell of another file. Hello and query are
-// asked for nothing that matters; a close must be sent all the same, for nobody else closes the file.
-[[nodiscard]] bool may_get_late_reply(uint16_t command)
-{
-    switch (command) {
-    case hello_packet::command:
-    case query_packet::command:
-    case close_packet::file_command:
-    case close_packet::directory_command:
-        return false;
-    default:
-        return s_efs2_due.due(command) != 0;
-    }
-}
-
-// Waits for what the modem still had to say: all of it comes before the reply to a query, or, where one is due already,
-// to a hello. Returns the exchange's result.
-[[nodiscard]] int32_t let_late_replies_pass()
-{
-    std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
-    if (!s_efs2_ignores_queries && s_efs2_due.due(query_packet::command) == 0) {
-        put_le16(request, efs2_packet::command_at, query_packet::command);
-        if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
-            return exchange_accepted;
-    }
-    put_le16(request, efs2_packet::command_at, hello_packet::command);
-    const uint32_t due = s_efs2_due.due(hello_packet::command);
-    s_efs2_takes_last = true;
-    const int32_t result = await_reply(request);
-    s_efs2_takes_last = false;
-    // Silent behind the reply to another hello: there is one less than was thought.
-    if (result != exchange_accepted && s_efs2_due.due(hello_packet::command) <= due)
-        s_efs2_due.forget(hello_packet::command);
-    return result;
-}
-
 // Sends the first `length` bytes of the buffer. Returns the exchange's result. The reply is copied here and not by the
 // filter, which would write into a request that is still being sent, or into the next one after a time-out.
 [[nodiscard]] int32_t exchange(size_t length)
 {
-    const bool is_late = may_get_late_reply(get_le16(s_efs2_rsp, efs2_packet::command_at));
-    int32_t result = is_late ? let_late_replies_pass() : exchange_accepted;
-    if (result == exchange_accepted)
-        result = await_reply(std::span(s_efs2_rsp).first(length));
+    const int32_t result = efs2_exchange(std::span(s_efs2_rsp).first(length));
     if (result != exchange_accepted)
         return result;
     s_efs2_rsp_len = std::min<size_t>(sResponseLen, s_efs2_rsp.size());
@@ -407,7 +226,7 @@ void efs2_set_verbose(int32_t on)
 
 int32_t efs2_init()
 {
-    s_efs2_ignores_queries = false; // it may be another firmware by now
+    efs2_forget_firmware();
     if (!efs2_send_hello() || !efs2_send_query())
         return 0;
     s_efs2_initialzed = 1;
@@ -510,17 +329,6 @@ int32_t efs2_stat(std::string_view path, Efs2Stat* status)
         };
     }
     return 0;
-}
-
-uint32_t efs2_stray_replies()
-{
-    return s_efs2_due.strays();
-}
-
-void efs2_await_strays()
-{
-    if (s_efs2_answered)
-        (void)let_late_replies_pass();
 }
 
 bool efs2_not_found()

@@ -7,11 +7,9 @@
 //                       buffer, which is an ERROR, too, and nothing is sent
 //   -71, -1             no reply: the exchange's failure (exchange_timed_out, exchange_no_response), negated
 //
-// and leaves its outputs alone. After a request that got no reply, the next one of its kind waits for the reply to a
-// query first, or to a hello where the modem does not answer queries, and is not sent without it, but for a close: a
-// late reply looks like one to a later request of the same kind, about another file. Fields that a reply does not carry
-// count as zero, and data end where the reply ends, whatever it announces; what is announced and not taken is a
-// WARNING. Paths are given without their zero.
+// and leaves its outputs alone. What comes late is not taken for a reply to a later request (efs2_exchange.h). Fields
+// that a reply does not carry count as zero, and data end where the reply ends, whatever it announces; what is
+// announced and not taken is a WARNING. Paths are given without their zero.
 //
 // One operation at a time, all on the main thread, with a port opened by OpenSerialPort.
 #pragma once
@@ -66,14 +64,6 @@ void efs2_set_verbose(int32_t on);
 
 // Tells about a file; `status` may be null. A reply that ends before the file's size is an ERROR and -1.
 [[nodiscard]] int32_t efs2_stat(std::string_view path, Efs2Stat* status);
-
-// How many EFS2 replies came that were due to no request. Where one comes twice, the second may be taken for that to
-// the next request of its kind, whose own is then such a reply. Any thread.
-[[nodiscard]] uint32_t efs2_stray_replies();
-
-// Waits until those have come that are on the way, unless the modem did not answer the last request. The modem is asked
-// for nothing that matters; when it does not answer that, the exchange logs it.
-void efs2_await_strays();
 
 // Whether the last operation failed for want of such a file or directory.
 [[nodiscard]] bool efs2_not_found();

@@ -9,6 +9,7 @@
 
 #include "app/applet_log.h"
 #include "crashdump/efs2.h"
+#include "crashdump/efs2_exchange.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"

@@ -3,14 +3,12 @@
 #include "app/applet_log.h"
 #include "app/wan_common.h"
 #include "crashdump/efs2.h"
+#include "crashdump/efs2_exchange.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
 #include "platform/os.h"
 #include "platform/progress.h"
-#include "wan_dloader/emergency_downloader.h"
-#include "wan_dloader/fastboot.h"
-#include "wan_dloader/nv_backup.h"
 #include "wan_dloader/nv_file.h"
 #include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/run_settings.h"
@@ -19,22 +17,12 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
 #include <mutex>
 #include <optional>
-#include <sys/sendfile.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 namespace {
-
-constexpr const char* backup_path = "/data/nvbackup.bin";
-constexpr const char* fresh_path = "/data/nvbackup.bin.new"; // a backup that is to take the place of one
-constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one of which it held less
-constexpr const char* golden_path = "/data/nvbackup_golden.bin";
-constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
 
 constexpr uint32_t item_file_flags = 0x80040; // of the modem: make the file, and the directories above it
 constexpr uint32_t write_new = 0x41;          // write only, create
@@ -258,7 +246,7 @@ std::optional<FileRecord> read_file_record(NvChunkReader& records, uint32_t tag,
     record.data.resize(*length);
     if (!records.read(record.data)) {
         // Names the plain backup while the golden copy is restored, too; readers of logs know this text.
-        log_error("Failed to read file: %s for %s record", backup_path, name.c_str());
+        log_error("Failed to read file: %s for %s record", "/data/nvbackup.bin", name.c_str());
         return std::nullopt;
     }
     return record;
@@ -319,22 +307,9 @@ int32_t EfsFileRestore(const std::string& file_name)
     return 0;
 }
 
-// ---- whole backups ----
+} // namespace
 
-int32_t backup_to(const std::string& port, const std::string& file_name)
-{
-    if (!open_diag_port(port))
-        return 1;
-    request_modem_mode(ModemMode::offline);
-    // All of them run, so that what can be saved is. A backup that is not on the disk whole must not count as one:
-    // the modem may be erased next.
-    const int32_t results[] = {NvItemBackup(file_name), NvItemFileBackup(file_name), EfsFileBackup(file_name)};
-    NVItemBackupVerify(file_name);
-    CloseSerialPort();
-    return std::ranges::count(results, 0) == std::ssize(results) ? 0 : 1;
-}
-
-int32_t restore_from(const std::string& port, const std::string& file_name)
+int32_t restore_nv_data(const std::string& port, const std::string& file_name)
 {
     if (sFlashAllPartitions == 0)
         return 0;
@@ -360,222 +335,9 @@ int32_t restore_from(const std::string& port, const std::string& file_name)
     return 0;
 }
 
-// ---- the backup ----
-
-// Names what a new backup does not have of the one before.
-void report_missing(const NvFileContents& fresh, const NvFileContents& before)
+uint32_t nv_values_unrestored()
 {
-    if (const std::string missing = fresh.lacks_of(before); !missing.empty())
-        log_warning("Not in the new one: %s", missing.c_str());
-}
-
-// Gives the backup that is there a second name, the first that is free: no copy is given up for another one. The name;
-// empty, with an ERROR, when there is none left.
-std::string keep_backup()
-{
-    constexpr int most = 9;
-    std::string name = kept_path;
-    for (int number = 1; link(backup_path, name.c_str()) != 0; ++number) {
-        if (errno != EEXIST || number > most) {
-            log_error("Failed to link %s to %s: %s", name.c_str(), backup_path, error_text(errno).c_str());
-            return {};
-        }
-        name = kept_path + std::to_string(number);
-    }
-    return name;
-}
-
-// Keeps the backup that is there when a new one holds less: a modem that has lost its NV data gives a complete backup,
-// too, and this may be the last one that is worth something. False with an ERROR when that fails.
-bool keep_richer_backup()
-{
-    const NvFileContents fresh = nv_file_contents(fresh_path);
-    const NvFileContents before = nv_file_contents(backup_path);
-    if (!fresh.holds_less_than(before))
-        return true;
-    const std::string name = keep_backup();
-    if (name.empty())
-        return false;
-    log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
-                before.text().c_str(), name.c_str());
-    report_missing(fresh, before);
-    return true;
-}
-
-// ---- golden copy ----
-
-// Runs "mv" of one golden file to the place of the other. False with an ERROR when that fails.
-bool move_golden(const char* from, const char* to)
-{
-    if (run_shell("mv %s %s", from, to) == 0)
-        return true;
-    log_error("Failed to move %s to %s", from, to);
-    return false;
-}
-
-// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one: puts the
-// good one back, unless it holds nothing that the new one does not. False with an ERROR when that fails; then nothing
-// else may be done here.
-bool undo_cut_renewal()
-{
-    if (!path_exists(parked_path))
-        return true;
-    const NvFileContents golden = nv_file_contents(golden_path);
-    const NvFileContents parked = nv_file_contents(parked_path);
-    if (!golden.holds_less_than(parked) && (golden.whole || !parked.whole))
-        return true;
-    log_warning("Putting back the golden copy of a renewal that was cut short");
-    return move_golden(parked_path, golden_path);
-}
-
-// Of a golden copy that is there.
-void warn_of_half_copy()
-{
-    if (!nv_file_contents(golden_path).whole)
-        log_warning("%s is not complete, make it anew with -f", golden_path);
-}
-
-// Whether the new golden copy may take the place of the parked one; else an ERROR. A modem that refuses, or has lost
-// its NV data, gives a complete copy, too.
-bool is_renewed()
-{
-    const NvFileContents golden = nv_file_contents(golden_path);
-    const NvFileContents parked = nv_file_contents(parked_path);
-    if (!golden.holds_less_than(parked))
-        return true;
-    log_error("The new golden copy holds %s; the old one, with %s, stays", golden.text().c_str(),
-              parked.text().c_str());
-    report_missing(golden, parked);
-    return false;
-}
-
-bool same_size(const char* path, const char* other)
-{
-    struct stat one = {};
-    struct stat two = {};
-    return stat(path, &one) == 0 && stat(other, &two) == 0 && one.st_size == two.st_size;
-}
-
-// 1 when there is a source, whether it could be copied or not.
-int32_t CopyFile(const std::string& destination, const std::string& source)
-{
-    struct stat status {};
-    if (stat(source.c_str(), &status) != 0) {
-        log_warning("Not found: %s", source.c_str());
-        return 0;
-    }
-    const UniqueFd from(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    const UniqueFd to(
-        from.valid() ? open(destination.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, status.st_mode & ALLPERMS) : -1);
-    if (!to.valid()) {
-        log_warning("open: %s", error_text(errno).c_str());
-        return 1;
-    }
-    off_t offset = 0;
-    const ssize_t sent = sendfile(to.get(), from.get(), &offset, static_cast<size_t>(status.st_size));
-    if (sent != status.st_size)
-        log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(sent < 0 ? errno : ENOSPC).c_str());
-    if (fsync(to.get()) != 0) // the modem may be erased next
-        log_warning("fsync: %s", error_text(errno).c_str());
-    return 1;
-}
-
-} // namespace
-
-int32_t BackupQCN(const std::string& port)
-{
-    log_info("Backup QCN ...");
-    if (!await_diag_port(port))
-        return 1;
-    if (!path_exists(backup_path))
-        return backup_to(port, backup_path);
-    // The one that is there may be the only one: it stays until the new one is on the disk.
-    if (backup_to(port, fresh_path) == 0 && keep_richer_backup()) {
-        if (rename(fresh_path, backup_path) == 0)
-            return 0;
-        log_error("rename %s: %s", fresh_path, error_text(errno).c_str());
-    }
-    log_error("No new backup: %s is the one from before", backup_path);
-    (void)unlink(fresh_path);
-    return 1;
-}
-
-int32_t BackupGoldenQCN(const std::string& port)
-{
-    log_info("Backup Golden QCN ...");
-    if (!undo_cut_renewal())
-        return 1;
-    const bool renewal = path_exists(golden_path);
-    if (renewal && s_force_fw_update == 0) {
-        log_info("Golden QCN backup file already exists!");
-        warn_of_half_copy();
-        return 0;
-    }
-    if (renewal && !move_golden(golden_path, parked_path))
-        return 1;
-
-    if (backup_to(port, golden_path) != 0 || (renewal && !is_renewed())) {
-        // Half a copy would stand in the way of a whole one for ever.
-        if (renewal)
-            (void)move_golden(parked_path, golden_path);
-        else
-            (void)unlink(golden_path);
-        return 1;
-    }
-    if (renewal && run_shell("rm %s", parked_path) != 0)
-        log_warning("Failed to remove %s", parked_path);
-    return 0;
-}
-
-int32_t RemoveNVBackup()
-{
-    // What the modem did not take may be nowhere else.
-    if (s_unrestored != 0 && path_exists(backup_path)) {
-        const std::string name = keep_backup();
-        if (name.empty())
-            return 1;
-        log_error("Not all NV data were restored: the backup is kept as %s", name.c_str());
-    }
-    return run_shell("rm %s", backup_path);
-}
-
-int32_t RestoreQCN(const std::string& port)
-{
-    log_info("Restore QCN ...");
-    return restore_from(port, backup_path);
-}
-
-int32_t RestoreGoldenQCN(const std::string& port)
-{
-    log_info("Restore Golden QCN ...");
-    if (sFlashAllPartitions != 0 && !undo_cut_renewal())
-        return 1;
-    return restore_from(port, golden_path);
-}
-
-int32_t EraseAndRestoreQCN(const std::string& port)
-{
-    constexpr int32_t patience = 30; // seconds
-    if ((sFlashMode & flash_mode::erase_efs2) == 0) {
-        if (WaitForDiagPort(port, patience) == 0 || EnterFastbootMode(port) == 0)
-            return 1;
-        log_info("Erase EFS2");
-        (void)run_shell("fastboot erase EFS2");
-        (void)run_shell("fastboot reboot");
-    }
-    return RestoreQCN(port);
-}
-
-int32_t MakeGoldenCopy()
-{
-    if (!undo_cut_renewal() || path_exists(golden_path)) {
-        warn_of_half_copy();
-        return 1;
-    }
-    const int32_t result = CopyFile(golden_path, backup_path);
-    if (!same_size(golden_path, backup_path))
-        (void)unlink(golden_path); // as in BackupGoldenQCN
-    return result;
+    return s_unrestored;
 }
 
 int32_t write_nvitem(const NvPacket& packet)

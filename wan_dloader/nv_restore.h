@@ -1,7 +1,6 @@
-// Whole backups and restores of the modem's NV data, the golden copy, and single writes to the modem.
+// NV data of a backup file (nv_file.h) back into the modem, and single writes to it.
 //
-// Everything runs on the main thread and blocks, with the NV data locked (lock_nv_data); ports are paths of DIAG ttys.
-// A backup leaves the modem offline, a restore resets it.
+// Main thread; blocks. Responses to NV requests are judged on the reader thread.
 #pragma once
 
 #include "crashdump/nv_item.h"
@@ -10,34 +9,16 @@
 #include <span>
 #include <string>
 
-// Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
-// are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
-// the new one is on the disk (/data/nvbackup.bin.new until then), and when the new one holds less, as
-// /data/nvbackup.bin.old, or .old1 to .old9, the first name that is free.
-[[nodiscard]] int32_t BackupQCN(const std::string& port);
+// Restores from `file_name` when sFlashAllPartitions is set; otherwise nothing is done. The modem is reset in the end.
+// 0, or 1 with an ERROR when the DIAG tty `port` does not appear within 30 s. Failures of single steps are ERRORs and
+// no failure of the whole; a file that is not complete is a WARNING, and what can be read of it is restored.
+[[nodiscard]] int32_t restore_nv_data(const std::string& port, const std::string& file_name);
 
-// The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With
-// s_force_fw_update it is made anew, and the old one is put back when that fails or the new one holds less (ERROR); of
-// a first one that fails nothing stays. A renewal that was cut short is undone before anything else.
-[[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
+// How many items, files and whole steps the last restore could not carry out, and how many of its replies may be
+// another's.
+[[nodiscard]] uint32_t nv_values_unrestored();
 
-// Removes /data/nvbackup.bin. The shell's raw status. When the last restore left something out it is kept under another
-// name, as above (ERROR); 1 when that fails (ERROR), and nothing is removed.
-int32_t RemoveNVBackup();
-
-// Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or
-// 1 with an ERROR when the port does not appear within 30 s. Failures of single steps are ERRORs and no failure of the
-// whole; a file that is not complete is a WARNING, and what can be read of it is restored.
-[[nodiscard]] int32_t RestoreQCN(const std::string& port);
-[[nodiscard]] int32_t RestoreGoldenQCN(const std::string& port);
-
-// Erases EFS2 by fastboot, unless the Linux image stage does that (flash_mode::erase_efs2), then RestoreQCN. 0, or 1
-// when the port does not appear, or from RestoreQCN.
-[[nodiscard]] int32_t EraseAndRestoreQCN(const std::string& port);
-
-// Makes the golden copy from the backup file where there is none yet. 1 when there is one, or there was a backup to
-// copy from; 0 with a WARNING when there was not.
-[[nodiscard]] int32_t MakeGoldenCopy();
+// The single writes are for an open port (OpenSerialPort).
 
 // Writes one NV item; code and status of `packet` are set here. Always 0, whatever the modem answers; a status but 0 is
 // a WARNING.

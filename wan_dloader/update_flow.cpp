@@ -10,7 +10,7 @@
 #include "wan_dloader/fastboot.h"
 #include "wan_dloader/image_catalogue.h"
 #include "wan_dloader/nv_backup.h"
-#include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_copies.h"
 #include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"

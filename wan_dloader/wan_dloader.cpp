@@ -49,7 +49,7 @@
 #include "diag/serial_port.h"
 #include "platform/os.h"
 #include "wan_dloader/fastboot.h"
-#include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_copies.h"
 #include "wan_dloader/nv_transfer.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"

@@ -5,8 +5,8 @@
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "tests/fuzz/modem.h"
+#include "wan_dloader/nv_copies.h"
 #include "wan_dloader/nv_file.h"
-#include "wan_dloader/nv_restore.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 

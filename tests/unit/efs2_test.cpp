@@ -1,4 +1,5 @@
 #include "crashdump/efs2.h"
+#include "crashdump/efs2_exchange.h"
 
 #include "diag/exchange.h"
 #include "diag/pktio.h"

@@ -1,0 +1,169 @@
+#include "crashdump/efs2_exchange.h"
+
+#include "crashdump/efs2_packets.h"
+#include "diag/exchange.h"
+#include "diag/packet_fields.h"
+
+#include <array>
+#include <atomic>
+#include <mutex>
+
+namespace {
+
+// The replies that are still to come, by command. Nobody sends commands from `commands` on, and nothing is noted of
+// them. Any thread.
+class DueReplies {
+public:
+    // A request goes out.
+    void expect(uint16_t command)
+    {
+        const std::lock_guard lock(mutex_);
+        if (command < commands)
+            ++due_[command];
+    }
+
+    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray.
+    void note(uint16_t command)
+    {
+        const std::lock_guard lock(mutex_);
+        if (command >= commands)
+            return;
+        if (due_[command] != 0)
+            --due_[command];
+        else
+            ++strays_;
+    }
+
+    [[nodiscard]] uint32_t due(uint16_t command) const
+    {
+        const std::lock_guard lock(mutex_);
+        return command < commands ? due_[command] : 0;
+    }
+
+    // Those to a command are lost; or all.
+    void forget(uint16_t command)
+    {
+        const std::lock_guard lock(mutex_);
+        if (command < commands)
+            due_[command] = 0;
+    }
+    void forget_all()
+    {
+        const std::lock_guard lock(mutex_);
+        due_.fill(0);
+    }
+
+    [[nodiscard]] uint32_t strays() const
+    {
+        const std::lock_guard lock(mutex_);
+        return strays_;
+    }
+
+private:
+    static constexpr uint16_t commands = 64;
+
+    mutable std::mutex mutex_;
+    std::array<uint32_t, commands> due_{};
+    uint32_t strays_ = 0;
+};
+
+DueReplies s_due;
+bool s_answered = false;                // the last request got its reply
+bool s_ignores_queries = false;         // the modem: one was without its reply when a later request had its own
+std::atomic<bool> s_takes_last = false; // of several replies of a kind that are due
+
+// The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
+// made.
+std::atomic<uint32_t> s_header = 0;
+
+// Takes note of every EFS2 reply, also while no request is waiting. Reader thread.
+void efs2_observe(std::span<const uint8_t> packet)
+{
+    if (packet.size() >= efs2_packet::header_size && get_u8(packet, 0) == efs2_packet::code &&
+        get_u8(packet, efs2_packet::subsystem_at) == efs2_packet::subsystem)
+        s_due.note(get_le16(packet, efs2_packet::command_at));
+}
+
+// Takes the reply that begins as the request did. Reader thread.
+int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
+{
+    if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_header)
+        return 1;
+    return s_takes_last && s_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
+}
+
+[[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
+{
+    const uint16_t command = get_le16(request, efs2_packet::command_at);
+    s_header = get_le32(request, 0);
+    SetRspObserver(efs2_observe);
+    s_due.expect(command);
+    const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
+    s_answered = result == exchange_accepted;
+    if (s_answered && s_due.due(command) == 0) { // it was its own
+        s_ignores_queries = s_ignores_queries || s_due.due(query_packet::command) != 0;
+        s_due.forget_all();
+    }
+    return result;
+}
+
+// Whether the next reply to `command` may be one to an earlier request, and that matters.
+[[nodiscard]] bool may_get_late_reply(uint16_t command)
+{
+    switch (command) {
+    case hello_packet::command:
+    case query_packet::command:
+    case close_packet::file_command:
+    case close_packet::directory_command:
+        return false;
+    default:
+        return s_due.due(command) != 0;
+    }
+}
+
+// Waits for what the modem still had to say, which comes before its reply to a query or hello. Returns the exchange's
+// result.
+[[nodiscard]] int32_t let_late_replies_pass()
+{
+    std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
+    if (!s_ignores_queries && s_due.due(query_packet::command) == 0) {
+        put_le16(request, efs2_packet::command_at, query_packet::command);
+        if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
+            return exchange_accepted;
+    }
+    put_le16(request, efs2_packet::command_at, hello_packet::command);
+    const uint32_t due = s_due.due(hello_packet::command);
+    s_takes_last = true;
+    const int32_t result = await_reply(request);
+    s_takes_last = false;
+    // Silent behind the reply to another hello: there is one less than was thought.
+    if (result != exchange_accepted && s_due.due(hello_packet::command) <= due)
+        s_due.forget(hello_packet::command);
+    return result;
+}
+
+} // namespace
+
+int32_t efs2_exchange(std::span<const uint8_t> request)
+{
+    if (may_get_late_reply(get_le16(request, efs2_packet::command_at)))
+        if (const int32_t result = let_late_replies_pass(); result != exchange_accepted)
+            return result;
+    return await_reply(request);
+}
+
+void efs2_forget_firmware()
+{
+    s_ignores_queries = false;
+}
+
+uint32_t efs2_stray_replies()
+{
+    return s_due.strays();
+}
+
+void efs2_await_strays()
+{
+    if (s_answered)
+        (void)let_late_replies_pass();
+}

@@ -1,0 +1,29 @@
+// One EFS2 request and its reply, on the update side of the exchange.
+//
+// Most replies do not say what they are about: a late one looks like that to a later request with the same command,
+// about another file. The modem replies in order, and once. So a request's own reply tells that all to earlier ones
+// have come, or never will; but a reply can only be told to be the own one when no other with its command was due.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+// Sends `request`, which is one of efs2_packets.h, and waits for its reply, which the exchange holds then. Returns the
+// exchange's result.
+//
+// Where a reply to an earlier request with the same command is due, the modem is asked with a query first, or with a
+// hello when a query is due, too, or it seems to answer none; when the reply to that does not come, the request is not
+// sent. It is always sent when it is a hello or query, which ask for nothing that matters, or a close, for nobody else
+// closes the file. Main thread.
+[[nodiscard]] int32_t efs2_exchange(std::span<const uint8_t> request);
+
+// Queries are tried again, for it may be another firmware by now. Main thread.
+void efs2_forget_firmware();
+
+// How many EFS2 replies came that were due to no request. Where one comes twice, the second may be taken for that to
+// the next request of its kind, whose own is then such a reply. Any thread.
+[[nodiscard]] uint32_t efs2_stray_replies();
+
+// Waits until those have come that are on the way, unless the modem did not answer the last request. The modem is asked
+// as before a request; when it does not answer that, the exchange logs it. Main thread.
+void efs2_await_strays();
