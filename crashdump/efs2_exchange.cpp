@@ -74,7 +74,7 @@ std::atomic<bool> s_takes_last = false; // of several replies of a kind that are
 
 // The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
 // made.
-std::atomic<uint32_t> s_header = 0;
+std::atomic<uint32_t> s_efs2_req_header = 0;
 
 // Takes note of every EFS2 reply, also while no request is waiting. Reader thread.
 void efs2_observe(std::span<const uint8_t> packet)
@@ -87,7 +87,7 @@ void efs2_observe(std::span<const uint8_t> packet)
 // Takes the reply that begins as the request did. Reader thread.
 int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
-    if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_header)
+    if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_efs2_req_header)
         return 1;
     return s_takes_last && s_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
 }
@@ -95,7 +95,7 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 [[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
-    s_header = get_le32(request, 0);
+    s_efs2_req_header = get_le32(request, 0);
     SetRspObserver(efs2_observe);
     s_due.expect(command);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
