@@ -121,9 +121,13 @@ void begin_request(uint16_t command)
     return result;
 }
 
-// Whether the modem refused; shows why.
+// Whether the modem refused, or does not say; shows why.
 [[nodiscard]] bool refused(size_t error_at)
 {
+    if (reply().size() < error_at + sizeof s_efs2_error) {
+        log_error("EFS2 response is cut: %d bytes", static_cast<int>(reply().size()));
+        return true;
+    }
     s_efs2_error = get_le32(reply(), error_at);
     if (s_efs2_error != 0)
         display_err_msg(s_efs2_error);
@@ -150,13 +154,25 @@ void begin_request(uint16_t command)
     return carried.first(taken);
 }
 
-// Item-file transfers are numbered; a modem that counts otherwise is followed.
-void adopt_sequence(uint16_t& sequence, uint16_t received)
+// Item-file transfers are numbered; a modem that counts otherwise is followed. Whether the numbers are the same.
+bool adopt_sequence(uint16_t& sequence, uint16_t received)
 {
     if (received == sequence)
-        return;
+        return true;
     log_warning("Seq number is not matched: in - %d, out - %d", sequence, received);
     sequence = received;
+    return false;
+}
+
+// Replies to reads and writes say what they are about.
+void check_place(size_t descriptor_at, int32_t descriptor, size_t offset_at, uint32_t offset)
+{
+    const auto of = static_cast<int32_t>(get_le32(reply(), descriptor_at));
+    const uint32_t at = get_le32(reply(), offset_at);
+    if (of == descriptor && at == offset)
+        return;
+    log_warning("Response is for offset %u of file %d, not for %u of %d", at, of, offset, descriptor);
+    efs2_count_stray();
 }
 
 [[nodiscard]] int32_t close_descriptor(uint16_t command, int32_t descriptor)
@@ -264,11 +280,13 @@ int32_t efs2_read_file(int32_t descriptor, std::span<uint8_t> destination, uint3
         const size_t asked = std::min(destination.size() - total, piece_size);
         begin_request(command);
         put_le32(s_efs2_rsp, descriptor_at, static_cast<uint32_t>(descriptor));
+        const uint32_t position = offset + static_cast<uint32_t>(total);
         put_le32(s_efs2_rsp, count_at, static_cast<uint32_t>(asked));
-        put_le32(s_efs2_rsp, offset_at, offset + static_cast<uint32_t>(total));
+        put_le32(s_efs2_rsp, offset_at, position);
         const int32_t result = ask(request_size, error_at);
         if (result != 0)
             return result;
+        check_place(descriptor_at, descriptor, reply_offset_at, position);
 
         const auto data = data_of_reply(data_at, get_le32(reply(), read_at), asked);
         std::ranges::copy(data, destination.subspan(total).begin());
@@ -286,11 +304,13 @@ int32_t efs2_write_file(int32_t descriptor, std::span<const uint8_t> data, uint3
         const auto piece = data.subspan(total, std::min(data.size() - total, piece_size));
         begin_request(command);
         put_le32(s_efs2_rsp, descriptor_at, static_cast<uint32_t>(descriptor));
-        put_le32(s_efs2_rsp, offset_at, offset + static_cast<uint32_t>(total));
+        const uint32_t position = offset + static_cast<uint32_t>(total);
+        put_le32(s_efs2_rsp, offset_at, position);
         std::ranges::copy(piece, s_efs2_rsp.begin() + data_at);
         const int32_t result = ask(data_at + piece.size(), error_at);
         if (result != 0)
             return result;
+        check_place(descriptor_at, descriptor, reply_offset_at, position);
 
         const size_t written = std::min<size_t>(get_le32(reply(), written_at), piece.size());
         total += written;
@@ -402,7 +422,7 @@ int32_t efs2_get_file(std::string_view path, std::span<uint8_t>& data, uint16_t&
     if (refused(error_at))
         return -1;
 
-    adopt_sequence(sequence, get_le16(reply(), sequence_at));
+    (void)adopt_sequence(sequence, get_le16(reply(), sequence_at));
     const auto received = data_of_reply(data_at, get_le32(reply(), length_at), room.size());
     std::ranges::copy(received, room.begin());
     data = room.first(received.size());
@@ -422,8 +442,8 @@ int32_t efs2_put_file(std::string_view path, std::span<const uint8_t> data, uint
     std::ranges::copy(data, s_efs2_rsp.begin() + data_at);
 
     const int32_t result = ask(length, error_at);
-    if (result == 0)
-        adopt_sequence(sequence, get_le16(reply(), reply_sequence_at));
+    if (result == 0 && !adopt_sequence(sequence, get_le16(reply(), reply_sequence_at)))
+        efs2_count_stray(); // it may tell how the file before was taken
     return result;
 }
 

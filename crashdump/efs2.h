@@ -3,12 +3,12 @@
 // Every operation is one request and one reply, or a row of them, and none is repeated. Unless said otherwise it
 // returns 0 or what it asked for, and on failure
 //
-//   -1                  the modem refused: its error number is logged at ERROR; or the request is too long for its
-//                       buffer, which is an ERROR, too, and nothing is sent
+//   -1                  the modem refused: its error number is logged at ERROR; or its reply ends before that, which is
+//                       an ERROR, too; or the request is too long for its buffer, an ERROR, and nothing is sent
 //   -71, -1             no reply: the exchange's failure (exchange_timed_out, exchange_no_response), negated
 //
-// and leaves its outputs alone. What comes late is not taken for a reply to a later request (efs2_exchange.h). Fields
-// that a reply does not carry count as zero, and data end where the reply ends, whatever it announces; what is
+// and leaves its outputs alone. What comes late is not taken for a reply to a later request (efs2_exchange.h). Other
+// fields that a reply does not carry count as zero, and data end where the reply ends, whatever it announces; what is
 // announced and not taken is a WARNING. Paths are given without their zero.
 //
 // One operation at a time, all on the main thread, with a port opened by OpenSerialPort.
@@ -55,11 +55,12 @@ void efs2_set_verbose(int32_t on);
 [[nodiscard]] int32_t efs2_close_file(int32_t descriptor);
 
 // Reads from `offset` on, until `destination` is full or the modem gives less than it was asked for. Returns the number
-// of bytes read; on failure `destination` may hold some of them.
+// of bytes read; on failure `destination` may hold some of them. A reply for another place is a WARNING, and a stray
+// (efs2_stray_replies).
 [[nodiscard]] int32_t efs2_read_file(int32_t descriptor, std::span<uint8_t> destination, uint32_t offset);
 
 // Writes all of `data` from `offset` on. Returns the number of bytes written; a modem that takes none of a piece is an
-// ERROR and -1.
+// ERROR and -1. Replies for other places as for efs2_read_file.
 [[nodiscard]] int32_t efs2_write_file(int32_t descriptor, std::span<const uint8_t> data, uint32_t offset);
 
 // Tells about a file; `status` may be null. A reply that ends before the file's size is an ERROR and -1.
@@ -84,7 +85,8 @@ void efs2_set_verbose(int32_t on);
 // bytes received; when no reply came, the exchange's failure as it is, not negated, so that only an empty `data` tells.
 [[nodiscard]] int32_t efs2_get_file(std::string_view path, std::span<uint8_t>& data, uint16_t& sequence);
 
-// Writes a whole item file, `flags` being the modem's. `sequence` as for efs2_get_file.
+// Writes a whole item file, `flags` being the modem's. `sequence` as for efs2_get_file, but that a reply with another
+// number is a stray.
 [[nodiscard]] int32_t efs2_put_file(std::string_view path, std::span<const uint8_t> data, uint32_t flags,
                                     uint16_t& sequence);
 

@@ -40,6 +40,13 @@ public:
         return command < commands ? due_[command] : 0;
     }
 
+    // What was taken for a reply that was due shows to be another.
+    void add_stray()
+    {
+        const std::lock_guard lock(mutex_);
+        ++strays_;
+    }
+
     // Those to a command are lost; or all.
     void forget(uint16_t command)
     {
@@ -134,11 +141,13 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
     put_le16(request, efs2_packet::command_at, hello_packet::command);
     const uint32_t due = s_due.due(hello_packet::command);
     s_takes_last = true;
-    const int32_t result = await_reply(request);
+    int32_t result = await_reply(request);
     s_takes_last = false;
-    // Silent behind the reply to another hello: there is one less than was thought.
-    if (result != exchange_accepted && s_due.due(hello_packet::command) <= due)
+    // It replied to a hello, and then was silent: the others are lost.
+    if (result != exchange_accepted && s_due.due(hello_packet::command) <= due) {
         s_due.forget(hello_packet::command);
+        result = await_reply(request);
+    }
     return result;
 }
 
@@ -162,8 +171,12 @@ uint32_t efs2_stray_replies()
     return s_due.strays();
 }
 
-void efs2_await_strays()
+void efs2_count_stray()
 {
-    if (s_answered)
-        (void)let_late_replies_pass();
+    s_due.add_stray();
+}
+
+bool efs2_await_strays()
+{
+    return !s_answered || let_late_replies_pass() == exchange_accepted;
 }

@@ -24,6 +24,9 @@ void efs2_forget_firmware();
 // the next request of its kind, whose own is then such a reply. Any thread.
 [[nodiscard]] uint32_t efs2_stray_replies();
 
-// Waits until those have come that are on the way, unless the modem did not answer the last request. The modem is asked
-// as before a request; when it does not answer that, the exchange logs it. Main thread.
-void efs2_await_strays();
+// Counts the reply to the last request as one, for it tells that it is about something else. Main thread.
+void efs2_count_stray();
+
+// Waits until those have come that are on the way: the modem is asked as before a request. False when it does not
+// answer that, which the exchange logs. Nothing is done when it did not answer the last request. Main thread.
+[[nodiscard]] bool efs2_await_strays();

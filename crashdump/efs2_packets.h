@@ -49,7 +49,7 @@ constexpr size_t error_at = 4;
 namespace read_packet {
 constexpr uint16_t command = 4;
 constexpr size_t descriptor_at = 4, count_at = 8, offset_at = 12, request_size = 16;
-constexpr size_t read_at = 12, error_at = 16, data_at = 20;
+constexpr size_t reply_offset_at = 8, read_at = 12, error_at = 16, data_at = 20;
 constexpr size_t piece_size = 2028;
 static_assert(data_at + piece_size == efs2_packet::buffer_size);
 } // namespace read_packet
@@ -58,7 +58,7 @@ static_assert(data_at + piece_size == efs2_packet::buffer_size);
 namespace write_packet {
 constexpr uint16_t command = 5;
 constexpr size_t descriptor_at = 4, offset_at = 8, data_at = 12;
-constexpr size_t written_at = 12, error_at = 16;
+constexpr size_t reply_offset_at = 8, written_at = 12, error_at = 16;
 constexpr size_t piece_size = 2036;
 static_assert(data_at + piece_size == efs2_packet::buffer_size);
 } // namespace write_packet

@@ -99,6 +99,7 @@ struct Side {
     const int32_t& exit_on_timeout;
     const int32_t& verbose;
     std::array<uint8_t, pktio_buffer_size>& storage;
+    const std::atomic<RspObserver>& observer;
 };
 
 // Crash-dump side.
@@ -108,6 +109,7 @@ const uint8_t* s_expected_rsp_code = nullptr;
 uint32_t s_requests = 0;
 RspFilter sf_rsp_callback = nullptr;
 ResponseBuffer* s_response_buf = nullptr;
+std::atomic<RspObserver> s_no_observer = nullptr;
 std::array<uint8_t, pktio_buffer_size> s_response_bytes;
 
 // Update side.
@@ -148,6 +150,7 @@ constexpr Side crashdump_side = {
     .exit_on_timeout = s_exit_on_timeout,
     .verbose = s_verbose,
     .storage = s_response_bytes,
+    .observer = s_no_observer,
 };
 
 constexpr Side update_side = {
@@ -163,6 +166,7 @@ constexpr Side update_side = {
     .exit_on_timeout = ExitOnTimeout,
     .verbose = sVerbose,
     .storage = sResponseBytes,
+    .observer = sRspObserver,
 };
 
 // ---- main thread ----
@@ -287,13 +291,17 @@ void publish(const Side& side, std::span<const uint8_t> packet)
 void receive(const Side& side, std::span<const uint8_t> packet, uintptr_t user_data)
 {
     std::unique_lock lock(side.mutex);
-    if (side.expected_code == nullptr)
-        return;
-    const uint8_t expected_code = *side.expected_code;
+    const bool is_awaited = side.expected_code != nullptr;
+    const uint8_t expected_code = is_awaited ? *side.expected_code : 0;
     const uint32_t request = side.requests;
     const RspFilter filter = side.filter;
     lock.unlock();
 
+    // Behind the look at the request: what is noted as a response to one must not be taken for that to the next.
+    if (const RspObserver observer = side.observer)
+        observer(packet);
+    if (!is_awaited)
+        return;
     const bool accepted = filter != nullptr ? filter(packet, user_data) == 0 : is_expected(side, expected_code, packet);
     if (!accepted)
         return;
@@ -409,7 +417,5 @@ int32_t SendPktWithCallback(std::span<const uint8_t> request, uint8_t expected_c
 
 void prv_handle_packet(std::span<const uint8_t> packet, uintptr_t user_data)
 {
-    if (const RspObserver observer = sRspObserver)
-        observer(packet);
     receive(update_side, packet, user_data);
 }

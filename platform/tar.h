@@ -2,8 +2,8 @@
 //
 // One archive and one open member at a time, process-wide. A member is known by the part of its name behind the last
 // "/", and only name and size of a header count: what newer formats put in front of a member to say more about it is
-// passed over. A member of size 0, also a directory, ends the list. All functions run on the main thread; what
-// fails is logged at ERROR, save where nothing is open or found.
+// passed over, but that it is sparse, which is not read. A member of size 0, also a directory, ends the list. All
+// functions run on the main thread; what fails is logged at ERROR, save where nothing is open or found.
 #pragma once
 
 #include <cstddef>

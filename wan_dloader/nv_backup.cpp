@@ -40,6 +40,7 @@ UniqueFile s_nv_file;         // while NV items are stored
 uint32_t s_nvbacked_num = 0;  // of them
 uint32_t s_nvrefused_num = 0; // of those, the ones that are stored as zeros
 uint32_t s_unread = 0;        // values that the passes so far could not read, or not store as they are
+uint32_t s_doubtful = 0;      // values that may be another's
 int s_write_error = 0;        // errno of the first write of a pass that failed
 NvPacket DiagNvPkt{};         // the request in flight
 bool s_indexed = false;       // it is for an entry of an indexed item
@@ -330,7 +331,7 @@ FilePass append_files(FILE* file, uint32_t tag, std::span<const NvFileRow> files
         if (pass.tries([&] { return get(row.path, status, contents); }) == Fetch::got)
             append_file(file, pass.chunk, row.path, status.size, contents);
     }
-    s_unread += stray_replies_since(strays);
+    s_doubtful += stray_replies_since(strays);
     return pass;
 }
 
@@ -382,6 +383,7 @@ int32_t NvItemBackup(const std::string& file_name)
     }
 
     s_unread = 0;
+    s_doubtful = 0;
     SetRspCallback(NvBackupCallback);
     if (sDebug != 0)
         log_debug("Backing up modem NV items");
@@ -463,7 +465,12 @@ int32_t EfsFileBackup(const std::string& file_name)
 
 uint32_t nv_values_unread()
 {
-    return s_unread;
+    return s_unread + s_doubtful;
+}
+
+uint32_t nv_values_doubtful()
+{
+    return s_doubtful;
 }
 
 void NVItemBackupVerify(const std::string& file_name)

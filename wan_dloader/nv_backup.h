@@ -27,6 +27,9 @@
 // What it does not have, or keeps from being written, is none of them.
 [[nodiscard]] uint32_t nv_values_unread();
 
+// How many of those may be another's.
+[[nodiscard]] uint32_t nv_values_doubtful();
+
 // Lists the contents of a backup file at INFO. Says OK in the end for whatever begins like a backup file; an ERROR when
 // it does not, cannot be opened, ends too early or holds an unknown chunk.
 void NVItemBackupVerify(const std::string& file_name);

@@ -67,13 +67,14 @@ std::string keep_backup()
     return name;
 }
 
-// Keeps the backup that is there when a new one holds less: a modem that has lost its NV data gives a complete backup,
-// too, and this may be the last one that is worth something. False with an ERROR when that fails.
+// Keeps the backup that is there when a new one holds less, or may hold something else: a modem that has lost its NV
+// data gives a complete backup, too, and this may be the last one that is worth something. False with an ERROR when
+// that fails.
 bool keep_richer_backup()
 {
     const NvFileContents fresh = nv_file_contents(fresh_path);
     const NvFileContents before = nv_file_contents(backup_path);
-    if (!fresh.holds_less_than(before))
+    if (!fresh.holds_less_than(before) && nv_values_doubtful() == 0)
         return true;
     const std::string name = keep_backup();
     if (name.empty())
@@ -117,10 +118,16 @@ void warn_of_half_copy()
         log_warning("%s is not complete, make it anew with -f", golden_path);
 }
 
-// Whether the new golden copy may take the place of the parked one; else an ERROR. A modem that refuses, or has lost
-// its NV data, gives a complete copy, too.
-bool is_renewed()
+// Whether the new golden copy may stay, and take the place of the parked one, if there is one; else an ERROR. A modem
+// that refuses, or has lost its NV data, gives a complete copy, too.
+bool is_worth_keeping(bool renewal)
 {
+    if (nv_values_doubtful() != 0) {
+        log_error("The new golden copy is not kept");
+        return false;
+    }
+    if (!renewal)
+        return true;
     const NvFileContents golden = nv_file_contents(golden_path);
     const NvFileContents parked = nv_file_contents(parked_path);
     if (!golden.holds_less_than(parked))
@@ -196,7 +203,7 @@ int32_t BackupGoldenQCN(const std::string& port)
     if (renewal && !move_golden(golden_path, parked_path))
         return 1;
 
-    if (backup_to(port, golden_path) != 0 || (renewal && !is_renewed())) {
+    if (backup_to(port, golden_path) != 0 || !is_worth_keeping(renewal)) {
         // Half a copy would stand in the way of a whole one for ever.
         if (renewal)
             (void)move_golden(parked_path, golden_path);

@@ -141,12 +141,14 @@ Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequenc
 
 uint32_t stray_replies_since(uint32_t before)
 {
-    efs2_await_strays();
+    const bool answered = efs2_await_strays();
+    if (!answered)
+        log_error("No answer behind the last file: what came before may be another file's");
     const uint32_t strays = efs2_stray_replies() - before;
     if (strays != 0)
         log_error("%u EFS2 replies belong to no request: what came before may be another file's",
                   static_cast<unsigned>(strays));
-    return strays;
+    return strays + (answered ? 0 : 1);
 }
 
 uint32_t fetched_of_nvitemfile(uint32_t size)

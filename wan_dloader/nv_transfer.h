@@ -78,7 +78,8 @@ enum class Fetch {
 [[nodiscard]] Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequence,
                                      std::vector<uint8_t>& data);
 
-// How many stray EFS2 replies have come since there were `before` of them; an ERROR when there are any.
+// How many stray EFS2 replies have come since there were `before` of them, and one more when the modem does not say
+// whether there are more on the way; an ERROR for either.
 [[nodiscard]] uint32_t stray_replies_since(uint32_t before);
 
 // How many bytes that fetches of an item file of `size` bytes.

@@ -356,6 +356,32 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
     expect_restored();
 }
 
+// An answer to a file comes twice, and the second may have been taken for that to the next: the same size tells
+// nothing.
+TEST_F(SmallModem, NoCopyIsLostForADoubtfulOne)
+{
+    const size_t first = 1 + NvItemList.size() + 2 + 1,
+                 each = first + NvItemFileList.size() + 1 + 2 + EFSFileList.size() + 1;
+    std::string faults;
+    for (size_t run = 0; run < 3; ++run)
+        faults += " --fault twice@" + std::to_string(run * each + first);
+    modem("normal" + faults);
+    fill_all();
+    const std::string doubtful = "E 1 EFS2 replies belong to no request: what came before may be another file's",
+                      holds = "2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes)";
+    const Texts not_kept = {doubtful, "E The new golden copy is not kept"};
+    write_file(backup, saved);
+    EXPECT_EQ(complaints_of(take_turn(queue("-ng"))), not_kept);
+    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
+    write_file(golden, saved);
+    EXPECT_EQ(complaints_of(take_turn(queue("-fng"))), not_kept);
+    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}, {"nvbackup_golden.bin", saved}}));
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
+                ElementsAre(doubtful, "W The new backup holds " + holds + "; the one before, with " + holds +
+                                          ", is kept as /data/nvbackup.bin.old"));
+    EXPECT_EQ(read_file("/data/nvbackup.bin.old"), saved);
+}
+
 // The modem goes away between two files: what was complete is on the disk, and the next run uses it.
 TEST_F(SmallModem, GoesAwayAmongTheFiles)
 {

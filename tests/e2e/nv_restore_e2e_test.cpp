@@ -66,7 +66,7 @@ std::string no_data(const std::string& path)
 const std::string no_items = "E !!!Not found NV item block", no_item_files = "E !!!Not found NV item file block",
                   no_efs_files = "E !!!Not found EFS file block";
 const std::string one_not_restored = "E 1 NV item files were not restored";
-const std::string one_too_much = "E 1 EFS2 replies belong to no request: what came before may be another file's";
+const std::string two_too_much = "E 2 EFS2 replies belong to no request: what came before may be another file's";
 const Texts no_chunks = {no_items, no_item_files, no_efs_files};
 const Texts no_backup(3, "E Not a valid NV backup file");
 const std::string four_billion = "\xFF\xFF\xFF\xFF";
@@ -221,7 +221,7 @@ TEST_F(NvRestore, GoesOnWhereTheModemRefuses)
                             "E Failed to put nv file: /nv/item_files/a", "W Seq number is not matched: in - 2, out - 3",
                             one_not_restored, "E No space left on device", "E Failed to write EFS file: /sd/e",
                             "E Permission denied.", "E Failed to open EFS file: /sd/f",
-                            "E 2 EFS files were not restored", one_too_much));
+                            "E 2 EFS files were not restored", two_too_much));
     for (const char* total : {"I >>> Totally restored 3 NV items.", "I >>> Totally restored 2 NV item files",
                               "I >>> Totally restored 2 EFS files"})
         EXPECT_THAT(r.records(), Contains(total));

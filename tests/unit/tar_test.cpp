@@ -111,6 +111,14 @@ TEST_F(Tar, ListsWhatWritersMake)
     }
 }
 
+// Its data stand packed in the archive, and would be flashed so.
+TEST_F(Tar, SparseFilesAreRefused)
+{
+    const std::string map = "22 GNU.sparse.major=1\n22 GNU.sparse.minor=0\n", file = member("b", "1");
+    for (const auto& sparse : {member("a", "1", 'S'), member("./PaxHeaders/a", "20 mtime=1.5\n" + map, 'x')})
+        fails("a is a sparse file in tar file", [&] { return init(file + sparse + file + end); });
+}
+
 TEST_F(Tar, AnArchiveCutAnywhereIsNone)
 {
     const std::string whole = member("a", text_of(1)) + member("b", text_of(512)) + member("c", text_of(700)) + end;
