@@ -78,8 +78,10 @@ std::vector<Unsafe> unsafe()
     const std::string no_room = "No room in /data for the Linux images: .* bytes needed, .* free",
                       small_disk = "mount -t tmpfs -o size=40k none /data && ",
                       not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
-    const auto file = [](size_t row) { return std::to_string(4 + NvItemList.size() + 2 + row); };
-    const std::string first_file = file(0), last_file = file(NvItemFileList.size() + 1 + 2 + EFSFileList.size() - 1);
+    // The modem has one of the item files, which is asked for, too; behind each kind of file comes a query.
+    const size_t first = 4 + NvItemList.size() + 2, behind_items = first + NvItemFileList.size() + 1;
+    const std::string first_file = std::to_string(first),
+                      last_file = std::to_string(behind_items + 2 + EFSFileList.size());
     return {
         {.name = "WithoutProgrammer", .error = "Not found emergency downloader", .package = "--without ENPRG9x15.hex"},
         {.name = "WithoutTable",
@@ -103,7 +105,7 @@ std::vector<Unsafe> unsafe()
          .modem = "--fault twice@" + last_file + " --fault dribble@" + last_file + ":1000"},
         {.name = "SilentBehindFiles",
          .error = not_whole,
-         .modem = "--fault drop@" + file(NvItemFileList.size()) + " --fault drop@" + file(NvItemFileList.size() + 1)},
+         .modem = "--fault drop@" + std::to_string(behind_items) + " --fault drop@" + std::to_string(behind_items + 1)},
         {.name = "TooLong",
          .error = not_whole,
          .nv_data = {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
