@@ -22,7 +22,8 @@ public:
             ++due_[command];
     }
 
-    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray.
+    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray, but not to a hello or
+    // query: they tell of no file.
     void note(uint16_t command)
     {
         const std::lock_guard lock(mutex_);
@@ -30,7 +31,7 @@ public:
             return;
         if (due_[command] != 0)
             --due_[command];
-        else
+        else if (command != hello_packet::command && command != query_packet::command)
             ++strays_;
     }
 
@@ -75,13 +76,42 @@ private:
 };
 
 DueReplies s_due;
-bool s_answered = false;                // the last request got its reply
+bool s_was_silent = true;               // the modem, at the last request, if that was not a mere close
 bool s_ignores_queries = false;         // the modem: one was without its reply when a later request had its own
 std::atomic<bool> s_takes_last = false; // of several replies of a kind that are due
 
 // The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
 // made.
 std::atomic<uint32_t> s_efs2_req_header = 0;
+
+// The number of a transfer whose reply must have it, for others are due; else beyond all.
+constexpr uint32_t any_number = 0x10000;
+std::atomic<uint32_t> s_number = any_number;
+
+// Replies to transfers of item files have the number of their request.
+[[nodiscard]] bool is_numbered(uint16_t command)
+{
+    return command == get_packet::command || command == put_packet::command;
+}
+
+// Of a numbered request.
+[[nodiscard]] uint16_t number_of_request(std::span<const uint8_t> request)
+{
+    static_assert(get_packet::sequence_at == put_packet::sequence_at);
+    return get_le16(request, get_packet::sequence_at);
+}
+
+// Of the reply to one.
+[[nodiscard]] uint16_t number_of_reply(std::span<const uint8_t> packet)
+{
+    const bool is_put = get_le16(packet, efs2_packet::command_at) == put_packet::command;
+    return get_le16(packet, is_put ? put_packet::reply_sequence_at : get_packet::sequence_at);
+}
+
+[[nodiscard]] bool is_close(uint16_t command)
+{
+    return command == close_packet::file_command || command == close_packet::directory_command;
+}
 
 // Takes note of every EFS2 reply, also while no request is waiting. Reader thread.
 void efs2_observe(std::span<const uint8_t> packet)
@@ -96,6 +126,8 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
     if (packet.size() < efs2_packet::header_size || get_le32(packet, 0) != s_efs2_req_header)
         return 1;
+    if (const uint32_t number = s_number; number != any_number)
+        return number == number_of_reply(packet) ? 0 : 1;
     return s_takes_last && s_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
 }
 
@@ -103,11 +135,14 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
+    const bool tells_by_number = is_numbered(command) && s_due.due(command) != 0;
+    s_number = tells_by_number ? number_of_request(request) : any_number;
     SetRspObserver(efs2_observe);
     s_due.expect(command);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
-    s_answered = result == exchange_accepted;
-    if (s_answered && s_due.due(command) == 0) { // it was its own
+    const bool answered = result == exchange_accepted;
+    s_was_silent = !answered && !is_close(command);
+    if (answered && (tells_by_number || s_due.due(command) == 0)) { // it was its own
         s_ignores_queries = s_ignores_queries || s_due.due(query_packet::command) != 0;
         s_due.forget_all();
     }
@@ -117,15 +152,8 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 // Whether the next reply to `command` may be one to an earlier request, and that matters.
 [[nodiscard]] bool may_get_late_reply(uint16_t command)
 {
-    switch (command) {
-    case hello_packet::command:
-    case query_packet::command:
-    case close_packet::file_command:
-    case close_packet::directory_command:
-        return false;
-    default:
-        return s_due.due(command) != 0;
-    }
+    const bool matters = command != hello_packet::command && command != query_packet::command && !is_close(command);
+    return matters && !is_numbered(command) && s_due.due(command) != 0;
 }
 
 // Waits for what the modem still had to say, which comes before its reply to a query or hello. Returns the exchange's
@@ -178,5 +206,5 @@ void efs2_count_stray()
 
 bool efs2_await_strays()
 {
-    return !s_answered || let_late_replies_pass() == exchange_accepted;
+    return s_was_silent || let_late_replies_pass() == exchange_accepted;
 }

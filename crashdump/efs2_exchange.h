@@ -13,20 +13,21 @@
 //
 // Where a reply to an earlier request with the same command is due, the modem is asked with a query first, or with a
 // hello when a query is due, too, or it seems to answer none; when the reply to that does not come, the request is not
-// sent. It is always sent when it is a hello or query, which ask for nothing that matters, or a close, for nobody else
-// closes the file. Main thread.
+// sent. It is always sent when it is a hello or query, which ask for nothing that matters, a close, for nobody else
+// closes the file, or a get or put, whose own reply has its number. Main thread.
 [[nodiscard]] int32_t efs2_exchange(std::span<const uint8_t> request);
 
 // Queries are tried again, for it may be another firmware by now. Main thread.
 void efs2_forget_firmware();
 
-// How many EFS2 replies came that were due to no request. Where one comes twice, the second may be taken for that to
-// the next request of its kind, whose own is then such a reply. Any thread.
+// How many EFS2 replies came that were due to no request, those to hellos and queries aside. Where one comes twice, the
+// second may be taken for that to the next request of its kind, whose own is then such a reply. Any thread.
 [[nodiscard]] uint32_t efs2_stray_replies();
 
 // Counts the reply to the last request as one, for it tells that it is about something else. Main thread.
 void efs2_count_stray();
 
 // Waits until those have come that are on the way: the modem is asked as before a request. False when it does not
-// answer that, which the exchange logs. Nothing is done when it did not answer the last request. Main thread.
+// answer that, which the exchange logs. Nothing is done when it did not answer the last request, unless that was a
+// close. Main thread.
 [[nodiscard]] bool efs2_await_strays();

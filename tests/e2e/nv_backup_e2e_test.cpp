@@ -357,19 +357,20 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
 }
 
 // An answer to a file comes twice, and the second may have been taken for that to the next: the same size tells
-// nothing.
+// nothing. Behind the last file it shows by a question, if that is answered.
 TEST_F(SmallModem, NoCopyIsLostForADoubtfulOne)
 {
-    const size_t first = 1 + NvItemList.size() + 2 + 1,
-                 each = first + NvItemFileList.size() + 1 + 2 + EFSFileList.size() + 1;
-    std::string faults;
-    for (size_t run = 0; run < 3; ++run)
-        faults += " --fault twice@" + std::to_string(run * each + first);
-    modem("normal" + faults);
+    // Replies of a backup: to the offline request, items, hello, query, files, the one that is there, and the question.
+    const size_t first_file = 1 + NvItemList.size() + 2 + 1,
+                 each = first_file + NvItemFileList.size() + 1 + 2 + EFSFileList.size() + 1;
+    const std::string first = std::to_string(first_file), last = std::to_string(2 * each - 1),
+                      question = std::to_string(3 * each), greeting = std::to_string(3 * each + 1);
+    modem("normal --fault twice@" + first + " --fault twice@" + last + " --fault dribble@" + last +
+          ":1000 --fault drop@" + question + " --fault drop@" + greeting);
     fill_all();
-    const std::string doubtful = "E 1 EFS2 replies belong to no request: what came before may be another file's",
+    const std::string doubled = "E 1 EFS2 replies belong to no request: what came before may be another file's",
                       holds = "2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes)";
-    const Texts not_kept = {doubtful, "E The new golden copy is not kept"};
+    const Texts not_kept = {doubled, "E The new golden copy is not kept"};
     write_file(backup, saved);
     EXPECT_EQ(complaints_of(take_turn(queue("-ng"))), not_kept);
     EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
@@ -377,8 +378,10 @@ TEST_F(SmallModem, NoCopyIsLostForADoubtfulOne)
     EXPECT_EQ(complaints_of(take_turn(queue("-fng"))), not_kept);
     EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}, {"nvbackup_golden.bin", saved}}));
     EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
-                ElementsAre(doubtful, "W The new backup holds " + holds + "; the one before, with " + holds +
-                                          ", is kept as /data/nvbackup.bin.old"));
+                ElementsAre("E Timeout!", "E Timeout!",
+                            "E No answer behind the last file: what came before may be another file's",
+                            "W The new backup holds " + holds + "; the one before, with " + holds +
+                                ", is kept as /data/nvbackup.bin.old"));
     EXPECT_EQ(read_file("/data/nvbackup.bin.old"), saved);
 }
 

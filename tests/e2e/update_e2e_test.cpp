@@ -78,10 +78,7 @@ std::vector<Unsafe> unsafe()
     const std::string no_room = "No room in /data for the Linux images: .* bytes needed, .* free",
                       small_disk = "mount -t tmpfs -o size=40k none /data && ",
                       not_whole = "Nothing is erased: 1 values of the modem are not whole in its backup";
-    // The modem has one of the item files, which is asked for, too; behind each kind of file comes a query.
-    const size_t first = 4 + NvItemList.size() + 2, behind_items = first + NvItemFileList.size() + 1;
-    const std::string first_file = std::to_string(first),
-                      last_file = std::to_string(behind_items + 2 + EFSFileList.size());
+    const std::string first_file = std::to_string(4 + NvItemList.size() + 2);
     return {
         {.name = "WithoutProgrammer", .error = "Not found emergency downloader", .package = "--without ENPRG9x15.hex"},
         {.name = "WithoutTable",
@@ -100,12 +97,6 @@ std::vector<Unsafe> unsafe()
         {.name = "Refused", .error = not_whole, .modem = "--fault error@4:0x42"},
         {.name = "Withheld", .error = not_whole, .modem = "--fault refuse@" + first_file + ":13"},
         {.name = "Doubled", .error = not_whole, .modem = "--fault twice@" + first_file},
-        {.name = "DoubledAtLast",
-         .error = not_whole,
-         .modem = "--fault twice@" + last_file + " --fault dribble@" + last_file + ":1000"},
-        {.name = "SilentBehindFiles",
-         .error = not_whole,
-         .modem = "--fault drop@" + std::to_string(behind_items) + " --fault drop@" + std::to_string(behind_items + 1)},
         {.name = "TooLong",
          .error = not_whole,
          .nv_data = {{"efs/nv/item_files/jcdma/jcdma_mode", std::string(600, 'x')}}},
