@@ -85,11 +85,16 @@ int64_t size_of(std::span<const uint8_t> header)
     return value;
 }
 
+std::string path_of(std::span<const uint8_t> header)
+{
+    const auto field = header.subspan(header_block::name_at, header_block::name_size);
+    return {field.begin(), std::ranges::find(field, '\0')};
+}
+
 // Directories are dropped.
 std::string name_of(std::span<const uint8_t> header)
 {
-    const auto field = header.subspan(header_block::name_at, header_block::name_size);
-    const std::string path(field.begin(), std::ranges::find(field, '\0'));
+    const std::string path = path_of(header);
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0
 }
 
@@ -245,10 +250,14 @@ int32_t tar_get_files()
 {
     s_filelist = {};
     size_t count = 0;
-    return walk_headers([&](int64_t data, int64_t size) {
+    const int32_t result = walk_headers([&](int64_t data, int64_t size) {
         if (count < s_filelist.size())
             s_filelist[count++] = TarMember{name_of(s_tarbuf), data, size};
     });
+    // The zeros behind the last member have no name.
+    if (const std::string last = path_of(s_tarbuf); result == 0 && size_of(s_tarbuf) == 0 && !last.empty())
+        log_warning("%s is empty: what is behind it in tar file is not listed", printable(last).c_str());
+    return result;
 }
 
 int32_t tar_get_files_count()

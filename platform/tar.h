@@ -18,7 +18,8 @@
 // Closes the archive and forgets its members; nothing happens when none is open.
 void tar_deinit();
 
-// Lists the members of the open archive anew: the first 20, more are skipped. 0, or -1.
+// Lists the members of the open archive anew: the first 20, more are skipped. A member of size 0 that ends the list is
+// a WARNING. 0, or -1.
 [[nodiscard]] int32_t tar_get_files();
 
 // Number of members listed. -1 when there is no list, or when it is full, as there may be more.

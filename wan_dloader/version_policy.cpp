@@ -282,7 +282,10 @@ void gen_sku_nvfile(std::string& path, uint32_t sku)
 
 int32_t CheckFWConfig(uint32_t& config)
 {
-    if (tar_fextract_to("ota_conf.txt", scratch_path) != 0) {
+    constexpr const char* name = "ota_conf.txt";
+    if (tar_fextract_to(name, scratch_path) != 0) {
+        if (tar_seek_file(name) >= 0)
+            return 1; // what cannot be looked into may exclude this modem
         log_info("No OTA update config file found!");
         return 0;
     }

@@ -85,8 +85,8 @@ void CheckModemSku(uint32_t& sku);
 void gen_sku_nvfile(std::string& path, uint32_t sku);
 
 // Reads the SKUs that the open package is for from its ota_conf.txt, by way of scratch_path. 0, with `config`
-// untouched when there is no package, no such file or no such line in it. 1 with an ERROR when the extracted file
-// cannot be opened.
+// untouched when there is no package, no such file or no such line in it. 1 with an ERROR when the file cannot be
+// extracted, or the extracted one not opened.
 [[nodiscard]] int32_t CheckFWConfig(uint32_t& config);
 
 // Whether this unit may take the NV data of its SKU: 1, or in recovery mode 0 for a production unit, a board that is

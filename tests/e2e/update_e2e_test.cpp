@@ -92,6 +92,7 @@ std::vector<Unsafe> unsafe()
          .disk = small_disk},
         {.name = "WithoutScratchFile",
          .error = "/data/tmp.bin is in the way of the Linux images",
+         .package = "--without ota_conf.txt",
          .disk = "mkfifo /data/tmp.bin && "},
         {.name = "Unanswered", .error = not_whole, .modem = "--fault drop@4 --fault drop@5"},
         {.name = "Refused", .error = not_whole, .modem = "--fault error@4:0x42"},

@@ -18,6 +18,8 @@ const UpdateCase package_cases[] = {
      .records = {"I FW OTA Config: RIDGE", "I FW OTA Config: VALLEY", "W The modem FW is not for SUMMIT", exiting[0]}},
     {.name = "ForNoSuchSku", .modem = "--sku 0x20", .options = "-a",
      .records = Texts{"I MODEM TYPE: UNKNOWN - 32", "W The modem FW is not for UNKNOWN"} + exiting},
+    {.name = "ForWhomIsNotToBeSeen", .package = "--sku VALLEY", .before = "mkdir /data/tmp.bin", .options = "-m all",
+     .records = Texts{"E Failed to open file /data/tmp.bin", "E Failed to detect FW config!"} + exiting},
     {.name = "WithNvFilesOnly", .before = nv_files_only, .options = "-m nvitem",
      .records = Texts{"I Only update NV items"} + stage6 +
                 Texts{"I NV file (NON-PVT): nvitems.txt", "I NV file (ALL): nvitems_all.txt"} + ended},
@@ -32,7 +34,8 @@ const UpdateCase package_cases[] = {
     {.name = "CutShort", .before = "truncate -s 700 " + tar, .options = "-a", .status = 1,
      .records = Texts{"E Failed to get files in tar file", not_listed} + invalid},
     {.name = "WithAFolderInFront", .before = "cd /tmp && tar -xf " + tar + " && tar --format=ustar -cf " + tar + " .",
-     .status = 1, .records = Texts{"E Failed to find the file ota_conf.txt"} + invalid},
+     .status = 1, .records = Texts{"W ./ is empty: what is behind it in tar file is not listed",
+                                   "E Failed to find the file ota_conf.txt"} + invalid},
     {.name = "WithoutDownloader", .package = "--without NPRG9x15.hex",
      .records = verified + Texts{"W Not found file: NPRG9x15.hex", "E No modem downloader is found",
                                  "I     SKIP firmware update ..."} + finished},
@@ -48,7 +51,8 @@ const UpdateCase package_cases[] = {
      .records = started({"partition.mbn"}) + no_table},
     // What is empty ends the list: the images behind it are missing, too.
     {.name = "WithAnEmptyPartitionTable", .before = edited("> partition.mbn"), .status = 1,
-     .records = started({"partition.mbn", "sbl1.mbn", "sbl2.mbn", "rpm.mbn"}) + no_table},
+     .records = Texts{"W partition.mbn is empty: what is behind it in tar file is not listed"} +
+                started({"partition.mbn", "sbl1.mbn", "sbl2.mbn", "rpm.mbn"}) + no_table},
     // Only what a request can hold of it is sent, and as it differs, it is sent once more.
     {.name = "WithALongPartitionTable", .before = edited("yes | head -c 600 >> partition.mbn"),
      .records = started() + Texts{cut_table, "I Partition Table: 1 - Partition table differs, override is accepted",
@@ -73,8 +77,9 @@ const UpdateCase package_cases[] = {
                                     "E Failed to find the file userdata.img",
                                     "W Failed to fetch partition userdata's image file"} + stage5 + finished,
      .changed = "boot system"},
-    {.name = "ThatCannotBeUnpacked", .package = newer_apps, .before = "mkdir /data/tmp.bin", .options = "-l",
-     .records = Texts{"E Failed to open file /data/tmp.bin"} + linux_alone +
+    {.name = "ThatCannotBeUnpacked", .package = newer_apps + " --without ota_conf.txt", .before = "mkdir /data/tmp.bin",
+     .options = "-l",
+     .records = Texts{"E Failed to find the file ota_conf.txt"} + linux_alone +
                 not_unpacked("boot") + not_unpacked("system") + not_unpacked("userdata") + stage5 + finished},
 };
 

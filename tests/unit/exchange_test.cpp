@@ -6,8 +6,11 @@
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using testing::HasSubstr;
 using testing::internal::CaptureStderr;
@@ -97,6 +100,24 @@ TEST_F(Exchange, KeepsAResponseUntilTheNextRequest)
     EXPECT_EQ(update_response(), (Bytes{0x13, 1, 2}));
     EXPECT_EQ(answered(framed({9}), [] { return SendPktAndWait(Bytes{1}, 1); }), exchange_accepted);
     EXPECT_EQ(filter_calls, 1) << "no filter runs while nothing is outstanding";
+}
+
+// A user stops the process, or the tablet sleeps: the answer comes in time, but is read only when it goes on.
+TEST_F(Exchange, TakesWhatCameWhileTheProcessWasStopped)
+{
+    OpenSerialPort(peer.path());
+    const Bytes wire = framed({0x13, 1});
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)peer.receive(4);
+        (void)kill(getppid(), SIGSTOP);
+        peer.send(wire);
+        (void)usleep(5'500'000); // of the five seconds that a response may take
+        (void)kill(getppid(), SIGCONT);
+        _exit(0);
+    }
+    EXPECT_EQ(SendPktAndWait(Bytes{0x12}, 0x13), exchange_accepted);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 TEST_F(Exchange, NakAnswersTheCrashDumpSideAndIsToldByItsText)
