@@ -116,7 +116,8 @@ bool is_sparse(std::span<const uint8_t> header)
     std::array<uint8_t, header_block::size> text{};
     if (!is_extension(header) || fread(text.data(), 1, text.size(), s_tarfd.get()) == 0)
         return false;
-    return !std::ranges::search(text, header_block::sparse_extension).empty();
+    constexpr std::string_view mark = header_block::sparse_extension;
+    return std::search(text.begin(), text.end(), mark.begin(), mark.end()) != text.end();
 }
 
 bool seek_to(int64_t position)
