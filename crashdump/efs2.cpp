@@ -442,8 +442,8 @@ int32_t efs2_put_file(std::string_view path, std::span<const uint8_t> data, uint
     std::ranges::copy(data, s_efs2_rsp.begin() + data_at);
 
     const int32_t result = ask(length, error_at);
-    if (result == 0 && !adopt_sequence(sequence, get_le16(reply(), reply_sequence_at)))
-        efs2_count_stray(); // it may tell how the file before was taken
+    if (result == 0 && !adopt_sequence(sequence, get_le16(reply(), reply_sequence_at)) && efs2_repeats_numbers())
+        efs2_count_stray(); // it tells how the file before was taken
     return result;
 }
 

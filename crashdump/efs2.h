@@ -86,7 +86,7 @@ void efs2_set_verbose(int32_t on);
 [[nodiscard]] int32_t efs2_get_file(std::string_view path, std::span<uint8_t>& data, uint16_t& sequence);
 
 // Writes a whole item file, `flags` being the modem's. `sequence` as for efs2_get_file, but that a reply with another
-// number is a stray.
+// number is a stray, unless the modem has numbers of its own.
 [[nodiscard]] int32_t efs2_put_file(std::string_view path, std::span<const uint8_t> data, uint32_t flags,
                                     uint16_t& sequence);
 

@@ -10,6 +10,12 @@
 
 namespace {
 
+// Hello and query tell of no file.
+[[nodiscard]] bool is_greeting(uint16_t command)
+{
+    return command == hello_packet::command || command == query_packet::command;
+}
+
 // The replies that are still to come, by command. Nobody sends commands from `commands` on, and nothing is noted of
 // them. Any thread.
 class DueReplies {
@@ -22,8 +28,8 @@ public:
             ++due_[command];
     }
 
-    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray, but not to a hello or
-    // query: they tell of no file.
+    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray, but not to a
+    // greeting.
     void note(uint16_t command)
     {
         const std::lock_guard lock(mutex_);
@@ -31,7 +37,7 @@ public:
             return;
         if (due_[command] != 0)
             --due_[command];
-        else if (command != hello_packet::command && command != query_packet::command)
+        else if (!is_greeting(command))
             ++strays_;
     }
 
@@ -77,7 +83,9 @@ private:
 
 DueReplies s_due;
 bool s_was_silent = true;               // the modem, at the last request, if that was not a mere close
-bool s_ignores_queries = false;         // the modem: one was without its reply when a later request had its own
+bool s_greets = false;                  // it has replied to a hello or query
+bool s_ignores_queries = false;         // a query was without its reply when a later request had its own
+bool s_repeats_numbers = false;         // a reply of its own to a transfer had the number of the request
 std::atomic<bool> s_takes_last = false; // of several replies of a kind that are due
 
 // The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
@@ -131,18 +139,30 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
     return s_takes_last && s_due.due(get_le16(packet, efs2_packet::command_at)) != 0 ? 1 : 0;
 }
 
+// Whether the reply to `request`, which the exchange holds, has its number. A zero is no sign of that: others send it
+// always.
+[[nodiscard]] bool repeats_number(std::span<const uint8_t> request)
+{
+    if (!is_numbered(get_le16(request, efs2_packet::command_at)))
+        return false;
+    const uint16_t number = number_of_request(request);
+    return number != 0 && number == number_of_reply({sResponseBuf, sResponseLen});
+}
+
 [[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
-    const bool tells_by_number = is_numbered(command) && s_due.due(command) != 0;
+    const bool tells_by_number = is_numbered(command) && s_repeats_numbers && s_due.due(command) != 0;
     s_number = tells_by_number ? number_of_request(request) : any_number;
     SetRspObserver(efs2_observe);
     s_due.expect(command);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
     const bool answered = result == exchange_accepted;
     s_was_silent = !answered && !is_close(command);
+    s_greets = s_greets || (answered && is_greeting(command));
     if (answered && (tells_by_number || s_due.due(command) == 0)) { // it was its own
+        s_repeats_numbers = s_repeats_numbers || repeats_number(request);
         s_ignores_queries = s_ignores_queries || s_due.due(query_packet::command) != 0;
         s_due.forget_all();
     }
@@ -152,8 +172,8 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 // Whether the next reply to `command` may be one to an earlier request, and that matters.
 [[nodiscard]] bool may_get_late_reply(uint16_t command)
 {
-    const bool matters = command != hello_packet::command && command != query_packet::command && !is_close(command);
-    return matters && !is_numbered(command) && s_due.due(command) != 0;
+    const bool tells_by_number = is_numbered(command) && s_repeats_numbers;
+    return !is_greeting(command) && !is_close(command) && !tells_by_number && s_due.due(command) != 0;
 }
 
 // Waits for what the modem still had to say, which comes before its reply to a query or hello. Returns the exchange's
@@ -191,7 +211,14 @@ int32_t efs2_exchange(std::span<const uint8_t> request)
 
 void efs2_forget_firmware()
 {
+    s_greets = false;
     s_ignores_queries = false;
+    s_repeats_numbers = false;
+}
+
+bool efs2_repeats_numbers()
+{
+    return s_repeats_numbers;
 }
 
 uint32_t efs2_stray_replies()
@@ -206,5 +233,5 @@ void efs2_count_stray()
 
 bool efs2_await_strays()
 {
-    return s_was_silent || let_late_replies_pass() == exchange_accepted;
+    return s_was_silent || let_late_replies_pass() == exchange_accepted || !s_greets;
 }

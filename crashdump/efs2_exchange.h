@@ -14,11 +14,14 @@
 // Where a reply to an earlier request with the same command is due, the modem is asked with a query first, or with a
 // hello when a query is due, too, or it seems to answer none; when the reply to that does not come, the request is not
 // sent. It is always sent when it is a hello or query, which ask for nothing that matters, a close, for nobody else
-// closes the file, or a get or put, whose own reply has its number. Main thread.
+// closes the file, or a get or put to a modem that repeats their numbers. Main thread.
 [[nodiscard]] int32_t efs2_exchange(std::span<const uint8_t> request);
 
-// Queries are tried again, for it may be another firmware by now. Main thread.
+// What was learned of the modem is learned anew, for it may be another firmware by now. Main thread.
 void efs2_forget_firmware();
+
+// Whether the modem is known to repeat the numbers of gets and puts. Main thread.
+[[nodiscard]] bool efs2_repeats_numbers();
 
 // How many EFS2 replies came that were due to no request, those to hellos and queries aside. Where one comes twice, the
 // second may be taken for that to the next request of its kind, whose own is then such a reply. Any thread.
@@ -28,6 +31,6 @@ void efs2_forget_firmware();
 void efs2_count_stray();
 
 // Waits until those have come that are on the way: the modem is asked as before a request. False when it does not
-// answer that, which the exchange logs. Nothing is done when it did not answer the last request, unless that was a
-// close. Main thread.
+// answer that, although it has answered a hello or query before; the exchange logs it. Nothing is done when it did not
+// answer the last request, unless that was a close. Main thread.
 [[nodiscard]] bool efs2_await_strays();

@@ -186,7 +186,7 @@ void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
 bool await_response(const Side& side, std::unique_lock<std::mutex>& lock,
                     std::chrono::system_clock::time_point deadline)
 {
-    constexpr auto overslept = std::chrono::milliseconds(300);
+    constexpr auto overslept = std::chrono::milliseconds(20);
     constexpr auto more = std::chrono::seconds(1);
     const auto has_come = [&side] { return side.expected_code == nullptr; };
     while (!side.cond.wait_until(lock, deadline, has_come)) {

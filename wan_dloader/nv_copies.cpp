@@ -261,6 +261,8 @@ int32_t MakeGoldenCopy()
         warn_of_half_copy();
         return 1;
     }
+    if (!is_worth_keeping(false))
+        return 1;
     const int32_t result = CopyFile(golden_path, backup_path);
     if (!same_size(golden_path, backup_path))
         (void)unlink(golden_path); // as in BackupGoldenQCN

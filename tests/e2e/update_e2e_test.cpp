@@ -192,6 +192,18 @@ TEST_F(FirmwareUpdate, KeepsTheBackupOfWhatTheModemDidNotTake)
     EXPECT_THAT(data(), ElementsAre("nvbackup.bin.old", "nvbackup_golden.bin"));
 }
 
+// The user erases all the same, but the backup, in which a file may be another's, is no golden copy.
+TEST_F(FirmwareUpdate, MakesNoGoldenCopyOfADoubtfulBackup)
+{
+    modem("normal --revision RIDGE_01_05_0E --apps VA1 --fault twice@" + std::to_string(2 + NvItemList.size() + 3));
+    package(newer + without_nv_files);
+    const Result r = run(update + "-E -f");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(r.errors(), IsSupersetOf({"1 EFS2 replies belong to no request: what came before may be another file's",
+                                          "The new golden copy is not kept"}));
+    EXPECT_THAT(data(), IsEmpty());
+}
+
 TEST_P(UnsafeUpdate, IsRefused)
 {
     const Unsafe& row = GetParam();

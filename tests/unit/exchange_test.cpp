@@ -112,7 +112,7 @@ TEST_F(Exchange, TakesWhatCameWhileTheProcessWasStopped)
         (void)peer.receive(4);
         (void)kill(getppid(), SIGSTOP);
         peer.send(wire);
-        (void)usleep(5'500'000); // of the five seconds that a response may take
+        (void)usleep(5'100'000); // of the five seconds that a response may take
         (void)kill(getppid(), SIGCONT);
         _exit(0);
     }
