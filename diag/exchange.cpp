@@ -181,17 +181,19 @@ void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
     end_process(form == Form::plain ? side.rules.plain_send_failed : side.rules.filtered_send_failed);
 }
 
-// Waits for the response, at most until `deadline`. Whether it came. A process that was stopped meanwhile, or a clock
-// that was set, gets here behind the deadline, while what came in time is still in the port.
-bool await_response(const Side& side, std::unique_lock<std::mutex>& lock,
-                    std::chrono::system_clock::time_point deadline)
+// Not the time of day: a tablet that learns it from the network sets its clock while requests are out.
+using Clock = std::chrono::steady_clock;
+
+// Waits for the response, at most until `deadline`. Whether it came. A process that was stopped meanwhile gets here
+// behind the deadline, while what came in time may still be in the port.
+bool await_response(const Side& side, std::unique_lock<std::mutex>& lock, Clock::time_point deadline)
 {
     constexpr auto overslept = std::chrono::milliseconds(20);
     constexpr auto more = std::chrono::seconds(1);
     const auto has_come = [&side] { return side.expected_code == nullptr; };
-    while (!side.cond.wait_until(lock, deadline, has_come)) {
-        const auto now = std::chrono::system_clock::now();
-        if (now < deadline + overslept)
+    for (int stops_to_bear = 5; !side.cond.wait_until(lock, deadline, has_come); --stops_to_bear) {
+        const auto now = Clock::now();
+        if (now < deadline + overslept || stops_to_bear == 0)
             return false;
         deadline = now + more;
     }
@@ -215,7 +217,7 @@ int32_t exchange(const Side& side, Form form, std::span<const uint8_t> request, 
     if (side.verbose != 0)
         PrintHex(request);
 
-    auto deadline = std::chrono::system_clock::now() + response_time;
+    auto deadline = Clock::now() + response_time;
     {
         const std::lock_guard lock(side.mutex);
         side.response_length = 0;
@@ -224,7 +226,7 @@ int32_t exchange(const Side& side, Form form, std::span<const uint8_t> request, 
     }
     send_or_end(side, form, request);
     if (form == Form::plain && side.rules.plain_clock_after_send)
-        deadline = std::chrono::system_clock::now() + response_time;
+        deadline = Clock::now() + response_time;
 
     std::unique_lock lock(side.mutex);
     const bool accepted = await_response(side, lock, deadline);
