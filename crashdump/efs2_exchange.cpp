@@ -153,7 +153,8 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
-    const bool tells_by_number = is_numbered(command) && s_repeats_numbers && s_due.due(command) != 0;
+    const uint32_t due = s_due.due(command);
+    const bool tells_by_number = is_numbered(command) && s_repeats_numbers && due != 0;
     s_number = tells_by_number ? number_of_request(request) : any_number;
     SetRspObserver(efs2_observe);
     s_due.expect(command);
@@ -166,6 +167,8 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
         s_ignores_queries = s_ignores_queries || s_due.due(query_packet::command) != 0;
         s_due.forget_all();
     }
+    if (!answered && tells_by_number && s_due.due(command) <= due)
+        s_repeats_numbers = false; // it replied, perhaps with a number of its own
     return result;
 }
 
