@@ -11,13 +11,13 @@
 #include <string_view>
 #include <utility>
 
-using Clock = std::chrono::system_clock;
+using Clock = std::chrono::steady_clock;
 
 // The linker leads the exchange's wait here: it is over at once, and the clock says so once.
-int wait_instead(pthread_cond_t* cond, pthread_mutex_t* mutex,
-                 const timespec* until) asm("__wrap_pthread_cond_timedwait");
-Clock::time_point now_instead() asm("__wrap__ZNSt6chrono3_V212system_clock3nowEv");
-Clock::time_point now_really() asm("__real__ZNSt6chrono3_V212system_clock3nowEv");
+int wait_instead(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
+                 const timespec* until) asm("__wrap_pthread_cond_clockwait");
+Clock::time_point now_instead() asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+Clock::time_point now_really() asm("__real__ZNSt6chrono3_V212steady_clock3nowEv");
 
 namespace {
 
@@ -144,7 +144,7 @@ Modem faulty_modem(Input& input)
     };
 }
 
-int wait_instead(pthread_cond_t* /*cond*/, pthread_mutex_t* /*mutex*/, const timespec* until)
+int wait_instead(pthread_cond_t* /*cond*/, pthread_mutex_t* /*mutex*/, clockid_t /*clock*/, const timespec* until)
 {
     s_too_late = Clock::time_point(std::chrono::duration_cast<Clock::duration>(
         std::chrono::seconds(until->tv_sec + 1) + std::chrono::nanoseconds(until->tv_nsec)));
