@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* backup_path = "/data/nvbackup.bin";
 constexpr const char* fresh_path = "/data/nvbackup.bin.new"; // a backup that is to take the place of one
-constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one of which it held less
+constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one that it may be worth less than
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
 constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
 
