@@ -9,6 +9,7 @@
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -105,19 +106,21 @@ TEST_F(Exchange, KeepsAResponseUntilTheNextRequest)
 // A user stops the process, or the tablet sleeps: the answer comes in time, but is read only when it goes on.
 TEST_F(Exchange, TakesWhatCameWhileTheProcessWasStopped)
 {
-    OpenSerialPort(peer.path());
-    const Bytes wire = framed({0x13, 1});
     const pid_t child = fork();
     if (child == 0) {
-        (void)peer.receive(4);
-        (void)kill(getppid(), SIGSTOP);
-        peer.send(wire);
-        (void)usleep(5'100'000); // of the five seconds that a response may take
-        (void)kill(getppid(), SIGCONT);
-        _exit(0);
+        (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        OpenSerialPort(peer.path());
+        _exit(SendPktAndWait(Bytes{0x12}, 0x13));
     }
-    EXPECT_EQ(SendPktAndWait(Bytes{0x12}, 0x13), exchange_accepted);
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    ASSERT_EQ(peer.receive(framed({0x12}).size()).size(), framed({0x12}).size());
+    int status = 0;
+    ASSERT_EQ(kill(child, SIGSTOP), 0);
+    ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
+    peer.send(framed({0x13, 1}));
+    (void)usleep(5'100'000); // of the five seconds that a response may take
+    ASSERT_EQ(kill(child, SIGCONT), 0);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exchange_accepted);
 }
 
 TEST_F(Exchange, NakAnswersTheCrashDumpSideAndIsToldByItsText)
