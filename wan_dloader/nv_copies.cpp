@@ -96,16 +96,16 @@ bool move_golden(const char* from, const char* to)
     return false;
 }
 
-// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one: puts the
-// good one back, unless it holds nothing that the new one does not. False with an ERROR when that fails; then nothing
-// else may be done here.
+// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one, or one
+// that nobody has judged: puts the good one back, unless the new one holds all of it, and more or the good one is not
+// whole. False with an ERROR when that fails; then nothing else may be done here.
 bool undo_cut_renewal()
 {
     if (!path_exists(parked_path))
         return true;
     const NvFileContents golden = nv_file_contents(golden_path);
     const NvFileContents parked = nv_file_contents(parked_path);
-    if (!golden.holds_less_than(parked) && (golden.whole || !parked.whole))
+    if (!golden.holds_less_than(parked) && (!parked.whole || (golden.whole && parked.holds_less_than(golden))))
         return true;
     log_warning("Putting back the golden copy of a renewal that was cut short");
     return move_golden(parked_path, golden_path);

@@ -257,6 +257,9 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
     const std::string other = backup_file({{nv_items, {nv_record(5, "\1"), nv_record(10, "\1")}},
                                            {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\x04")}},
                                            {efs_files, {}}});
+    const std::string before = backup_file({{nv_items, {nv_record(0, "\2"), nv_record(10, "\2")}},
+                                            {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\2")}},
+                                            {efs_files, {}}});
     const std::string holds_fresh = "holds 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes); ",
                       with_more = "with 3 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes), ";
     const std::string missing = "E fopen "s + golden + ": No such file or directory";
@@ -288,6 +291,8 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
         {"-fng", "true", {{name, less}}, {{name, fresh}}, {}, true, false},
         {"-fng", "true", {{name, more}}, {{name, more}}, {not_better}, true, false},
         {"-ng", "true", {{name, fresh}, {parked, more}}, {{name, more}}, {undone}, false, false},
+        {"-ng", "true", {{name, fresh}, {parked, before}}, {{name, before}}, {undone}, false, false},
+        {"-ng", "true", {{name, fresh}, {parked, less}}, {{name, fresh}, {parked, less}}, {}, false, false},
         {"-nb", "true", {{stored, less}}, {{stored, fresh}}, {}, true, false},
         {"-nb",
          "true",
