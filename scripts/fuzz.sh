@@ -61,3 +61,24 @@ replay_fuzz() {
     rm -rf "$corpora"
     return $status
 }
+
+# cover_fuzz: all that is known once, in the build that counts lines. Prints how many of each file's are reached, and
+# leaves those that are not in missed.txt there.
+cover_fuzz() {
+    local corpora=$fuzz_build/corpus name programs=()
+    local fuzz_build=$PWD/build/fuzz-coverage
+    rm -rf "$fuzz_build/profiles"
+    LLVM_PROFILE_FILE=$fuzz_build/profiles/%p run_fuzz_targets "$corpora" -runs=0
+    for name in $(fuzz_targets); do
+        programs+=(-object "$fuzz_build/tests/fuzz/fuzz_$name")
+    done
+    llvm-profdata merge -o "$fuzz_build/profile" "$fuzz_build"/profiles/*
+    # Each program has functions of its own by the same names, which it complains about: those of the targets, left out.
+    local options=("${programs[@]:1}" "-instr-profile=$fuzz_build/profile" '-ignore-filename-regex=/tests/')
+    llvm-cov show "${options[@]}" -use-color=false 2>"$fuzz_build/complaints.txt" | awk -F '|' -v top="$PWD/" '
+        /^\// { file = substr($0, length(top) + 1, length($0) - length(top) - 1) }
+        $2 ~ /^ *0$/ { at = $1 + 0; sub(/^[^|]*\|[^|]*\|/, ""); print file ":" at ":" $0 }' >"$fuzz_build/missed.txt"
+    llvm-cov report "${options[@]}" -use-color=false -show-region-summary=0 -show-branch-summary=0 \
+        2>"$fuzz_build/complaints.txt"
+    echo "Not reached: $fuzz_build/missed.txt"
+}

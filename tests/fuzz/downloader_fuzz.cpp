@@ -1,4 +1,4 @@
-// Flash programmers: Intel HEX records one by one, and a whole file sent.
+// Flash programmers: Intel HEX records one by one, and a whole file sent; and what is at the port before.
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "tests/fuzz/modem.h"
@@ -61,11 +61,22 @@ size_t send_file(const std::string& text, int32_t& result)
     return sent;
 }
 
+// What is at the port?
+void ask(Input& input)
+{
+    connect(prv_handle_packet, modem_of(input));
+    require(IsDLoadMode("/dev/null") <= 1 && IsDiagMode("/dev/null") <= 1, "it is so or not");
+    require(Switch2DLoadMode("/dev/null") == 0, "that is only tried");
+}
+
 } // namespace
 
 void fuzz_one(Input& input)
 {
-    s_dlWrite32Flag = input.u8() & 1;
+    const uint8_t settings = input.u8();
+    if ((settings & 2) != 0)
+        return ask(input);
+    s_dlWrite32Flag = settings & 1;
     const size_t digits = input.u8();
     const Bytes bytes = input.rest();
     const std::string text(bytes.begin(), bytes.end());

@@ -1,6 +1,7 @@
 // Operations on the modem's file system, one after the other, whatever it replies.
 #include "crashdump/efs2.h"
 
+#include "crashdump/efs2_exchange.h"
 #include "diag/exchange.h"
 #include "tests/fuzz/modem.h"
 
@@ -43,13 +44,15 @@ void stat_file(const std::string& path, bool to_see)
 {
     constexpr uint32_t untouched = 0xA5A5A5A5;
     Efs2Stat status = {untouched, untouched, untouched, untouched, untouched};
-    if (efs2_stat(path, to_see ? &status : nullptr) != 0)
-        require(status.size == untouched && status.mode == untouched, "a failure leaves its output alone");
+    if (efs2_stat(path, to_see ? &status : nullptr) == 0)
+        return;
+    require(status.size == untouched && status.mode == untouched, "a failure leaves its output alone");
+    (void)efs2_not_found();
 }
 
 void operate(Input& input)
 {
-    switch (input.u8() % 13) {
+    switch (input.u8() % 15) {
     case 0:
         return (void)efs2_init();
     case 1:
@@ -77,8 +80,12 @@ void operate(Input& input)
     }
     case 11:
         return stat_file(input.text(), false);
-    default:
+    case 12:
         return (void)efs2_close_dir(1);
+    case 13:
+        return (void)efs2_await_strays();
+    default:
+        return efs2_forget_firmware();
     }
 }
 
@@ -90,6 +97,7 @@ void fuzz_one(Input& input)
     connect(prv_handle_packet, faulty_modem(input));
     ExitOnTimeout = settings & 1;
     efs2_set_verbose(settings >> 1 & 1);
+    efs2_forget_firmware();
     for (int operations = 0; operations < 16 && !input.empty(); ++operations)
         operate(input);
 }

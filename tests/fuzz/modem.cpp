@@ -8,6 +8,8 @@
 #include <chrono>
 #include <ctime>
 #include <pthread.h>
+#include <set>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -16,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 // The linker leads the exchange's wait here: it is over at once, and the clock says so once.
 int wait_instead(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
                  const timespec* until) asm("__wrap_pthread_cond_clockwait");
+int sleep_instead(const timespec* time, timespec* left) asm("__wrap_nanosleep");
 Clock::time_point now_instead() asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
 Clock::time_point now_really() asm("__real__ZNSt6chrono3_V212steady_clock3nowEv");
 
@@ -23,6 +26,7 @@ namespace {
 
 PacketHandler s_handler = nullptr;
 Modem s_modem;
+std::set<std::string> s_regular_files;
 std::optional<Clock::time_point> s_too_late;
 
 // Nothing that is empty can be an answer, so that a length tells of one.
@@ -76,8 +80,9 @@ Bytes efs2_answer(std::span<const uint8_t> request)
         break;
     case 15: { // stat
         constexpr std::string_view items = "/nv/item_files/";
-        const std::string name(path.begin(), path.end());
-        put_le32(answer, 8, name.starts_with(items) ? 0xE000 : 0x8000);
+        const std::string name(path.begin(), path.end() - 1);
+        const bool is_item = name.starts_with(items) && !s_regular_files.contains(name);
+        put_le32(answer, 8, is_item ? 0xE000 : 0x8000);
         put_le32(answer, 12, size);
         break;
     }
@@ -110,6 +115,11 @@ void connect(PacketHandler handler, Modem modem)
     sResponseLen = 0;
     s_exit_on_timeout = 1;
     ExitOnTimeout = 1;
+}
+
+void add_regular_file(std::string path)
+{
+    s_regular_files.insert(std::move(path));
 }
 
 Modem modem_of(Input& input)
@@ -149,6 +159,11 @@ int wait_instead(pthread_cond_t* /*cond*/, pthread_mutex_t* /*mutex*/, clockid_t
     s_too_late = Clock::time_point(std::chrono::duration_cast<Clock::duration>(
         std::chrono::seconds(until->tv_sec + 1) + std::chrono::nanoseconds(until->tv_nsec)));
     return ETIMEDOUT;
+}
+
+int sleep_instead(const timespec* /*time*/, timespec* /*left*/)
+{
+    return 0;
 }
 
 Clock::time_point now_instead()

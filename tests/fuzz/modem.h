@@ -18,6 +18,9 @@ void connect(PacketHandler handler, Modem modem);
 // A modem that says the pieces of `input` one after the other, until there are no more.
 [[nodiscard]] Modem modem_of(Input& input);
 
+// From now on this is no item file, although it lies among them.
+void add_regular_file(std::string path);
+
 // What a modem that does everything as it should says to `request`. It has every NV item and every file.
 [[nodiscard]] Bytes proper_answer(std::span<const uint8_t> request);
 

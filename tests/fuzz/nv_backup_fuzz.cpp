@@ -7,14 +7,26 @@
 #include "tests/fuzz/modem.h"
 #include "wan_dloader/nv_copies.h"
 #include "wan_dloader/nv_file.h"
+#include "wan_dloader/nv_restore.h"
+#include "wan_dloader/nv_tables.h"
 #include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 
+#include <array>
 #include <utility>
 
 namespace {
 
 constexpr const char* backup_path = "/data/nvbackup.bin";
+
+// In order for some requests.
+Modem modem_that_becomes_faulty(Input& input)
+{
+    constexpr uint16_t most = 512;
+    return [in_order = input.u16() % most, faulty = faulty_modem(input)](std::span<const uint8_t> request) mutable {
+        return in_order != 0 && in_order-- != 0 ? std::optional(proper_answer(request)) : faulty(request);
+    };
+}
 
 struct Restored {
     uint64_t items, item_files, efs_files;
@@ -80,16 +92,45 @@ void walk(const Bytes& bytes)
             "all files of a whole backup are restored");
 }
 
-void back_up(Input& input)
+void back_up(std::span<int32_t (*const)(const std::string&)> passes)
 {
-    add_file(backup_path, {});
-    connect(prv_handle_packet, faulty_modem(input));
     ExitOnTimeout = 1;
-    for (const auto pass : {NvItemBackup, NvItemFileBackup, EfsFileBackup})
+    for (const auto pass : passes)
         require(pass(backup_path) == 0, "a pass that can write is through");
     const Bytes backup = file_contents(backup_path);
     check_form(backup);
     walk(backup);
+}
+
+void back_up_all(Input& input)
+{
+    add_file(backup_path, {});
+    connect(prv_handle_packet, faulty_modem(input));
+    back_up(std::array{NvItemBackup, NvItemFileBackup, EfsFileBackup});
+}
+
+// The many items before are left out, so that faults get to the last file.
+void back_up_files(Input& input)
+{
+    Bytes empty(nv_file_header::size + nv_chunk_header::size);
+    put_le32(empty, nv_file_header::magic_1_at, nv_file_header::magic_1);
+    put_le32(empty, nv_file_header::magic_2_at, nv_file_header::magic_2);
+    put_le32(empty, nv_file_header::chunks_at, 1);
+    put_le32(empty, nv_file_header::size + nv_chunk_header::tag_at, nv_chunk_header::nv_items);
+    add_file(backup_path, empty);
+    connect(prv_handle_packet, modem_that_becomes_faulty(input));
+    back_up(std::array{NvItemFileBackup, EfsFileBackup});
+}
+
+void restore_to_faulty(Input& input)
+{
+    add_file(backup_path, input.piece());
+    connect(prv_handle_packet, modem_that_becomes_faulty(input));
+    sFlashAllPartitions = 1;
+    require(RestoreQCN("/dev/null") == 0, "a restore goes to its end");
+    const uint32_t unrestored = nv_values_unrestored();
+    (void)restore();
+    require(nv_values_unrestored() <= unrestored, "a modem in order takes as much as one that is not");
 }
 
 // A single file of the modem, shown and deleted.
@@ -105,10 +146,16 @@ void show(Input& input)
 
 void fuzz_one(Input& input)
 {
-    constexpr uint8_t backing_up = 0, showing = 1;
+    constexpr uint8_t backing_up_all = 0, showing = 1, backing_up_files = 3, restoring = 5;
+    for (const NvFileRow& row : EFSFileList)
+        add_regular_file(row.path);
     switch (input.u8() % 8) {
-    case backing_up:
-        return back_up(input);
+    case backing_up_all:
+        return back_up_all(input);
+    case backing_up_files:
+        return back_up_files(input);
+    case restoring:
+        return restore_to_faulty(input);
     case showing:
         return show(input);
     default:
