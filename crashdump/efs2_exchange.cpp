@@ -28,8 +28,8 @@ public:
             ++due_[command];
     }
 
-    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray, but not to a
-    // greeting.
+    // A reply has come, whether somebody waits for it or not. Where none is due it is a stray, but to a greeting only
+    // where those were given up.
     void note(uint16_t command)
     {
         const std::lock_guard lock(mutex_);
@@ -37,7 +37,7 @@ public:
             return;
         if (due_[command] != 0)
             --due_[command];
-        else if (!is_greeting(command))
+        else if (!is_greeting(command) || gave_up_)
             ++strays_;
     }
 
@@ -54,13 +54,20 @@ public:
         ++strays_;
     }
 
-    // Those to a command are lost; or all.
-    void forget(uint16_t command)
+    // Those to a greeting seem to be lost. One that comes all the same was late, and so may be what came since.
+    void give_up(uint16_t command)
     {
         const std::lock_guard lock(mutex_);
         if (command < commands)
             due_[command] = 0;
+        gave_up_ = true;
     }
+    void greet_anew()
+    {
+        const std::lock_guard lock(mutex_);
+        gave_up_ = false;
+    }
+    // They came, or never will.
     void forget_all()
     {
         const std::lock_guard lock(mutex_);
@@ -78,6 +85,7 @@ private:
 
     mutable std::mutex mutex_;
     std::array<uint32_t, commands> due_{};
+    bool gave_up_ = false;
     uint32_t strays_ = 0;
 };
 
@@ -196,7 +204,7 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
     s_takes_last = false;
     // It replied to a hello, and then was silent: the others are lost.
     if (result != exchange_accepted && s_due.due(hello_packet::command) <= due) {
-        s_due.forget(hello_packet::command);
+        s_due.give_up(hello_packet::command);
         result = await_reply(request);
     }
     return result;
@@ -214,6 +222,7 @@ int32_t efs2_exchange(std::span<const uint8_t> request)
 
 void efs2_forget_firmware()
 {
+    s_due.greet_anew();
     s_greets = false;
     s_ignores_queries = false;
     s_repeats_numbers = false;

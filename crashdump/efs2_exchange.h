@@ -23,8 +23,9 @@ void efs2_forget_firmware();
 // Whether the modem is known to repeat the numbers of gets and puts. Main thread.
 [[nodiscard]] bool efs2_repeats_numbers();
 
-// How many EFS2 replies came that were due to no request, those to hellos and queries aside. Where one comes twice, the
-// second may be taken for that to the next request of its kind, whose own is then such a reply. Any thread.
+// How many EFS2 replies came that were due to no request, those to hellos and queries aside, unless some had been given
+// up. Where one comes twice, the second may be taken for that to the next request of its kind, whose own is then such a
+// reply. Any thread.
 [[nodiscard]] uint32_t efs2_stray_replies();
 
 // Counts the reply to the last request as one, for it tells that it is about something else. Main thread.

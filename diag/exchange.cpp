@@ -184,14 +184,14 @@ void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
 // Not the time of day: a tablet that learns it from the network sets its clock while requests are out.
 using Clock = std::chrono::steady_clock;
 
-// Waits for the response, at most until `deadline`. Whether it came. A process that was stopped meanwhile gets here
-// behind the deadline, while what came in time may still be in the port.
+// Waits for the response, at most until `deadline`. Whether it came. A process that was stopped meanwhile, or had no
+// turn on a busy tablet, gets here behind the deadline, while what came in time may still be in the port.
 bool await_response(const Side& side, std::unique_lock<std::mutex>& lock, Clock::time_point deadline)
 {
     constexpr auto overslept = std::chrono::milliseconds(20);
-    constexpr auto more = std::chrono::seconds(1);
+    constexpr auto more = std::chrono::milliseconds(500);
     const auto has_come = [&side] { return side.expected_code == nullptr; };
-    for (int stops_to_bear = 5; !side.cond.wait_until(lock, deadline, has_come); --stops_to_bear) {
+    for (int stops_to_bear = 2; !side.cond.wait_until(lock, deadline, has_come); --stops_to_bear) {
         const auto now = Clock::now();
         if (now < deadline + overslept || stops_to_bear == 0)
             return false;

@@ -24,7 +24,11 @@ struct Turn {
 
 class Efs2 : public testing::Test {
 protected:
-    void SetUp() override { OpenSerialPort(peer.path()); }
+    void SetUp() override
+    {
+        OpenSerialPort(peer.path());
+        efs2_forget_firmware();
+    }
     void TearDown() override { pktio_shutdown(); }
 
     // Runs `operation` against a modem that takes these turns. Its log is in `log` then, with `line` in it, or empty.
@@ -280,7 +284,11 @@ TEST_F(Efs2, TakesNoLateReplyForAnother)
     // These are replies to hellos before, and the modem may still be busy with the stat in between. When it is silent
     // behind one, another was lost.
     expect({{hello, greeting}, {query, {}}}, 0, "Timeout!", efs2_init);
+    uint32_t strays = efs2_stray_replies();
     expect({{hello, greeting}, {hello, absent.wire + greeting}, present}, 0, "Timeout!", stat("/b"));
+    EXPECT_EQ(efs2_stray_replies(), strays);
+    peer.send(greeting); // it was not: the one before was of a hello before
+    EXPECT_TRUE(peer.until([&] { return efs2_stray_replies() == strays + 1; }));
     expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
     expect({{hello, {}}}, -exchange_timed_out, "Timeout!", stat("/b")); // it answers no queries
     expect({closed}, 0, "", close);                                     // a reply of its own: the others are lost
@@ -289,7 +297,7 @@ TEST_F(Efs2, TakesNoLateReplyForAnother)
 
     expect({{absent.request, {}}}, -exchange_timed_out, "Timeout!", stat("/a"));
     expect({}, 1, "", efs2_await_strays); // not of a modem that is silent
-    const uint32_t strays = efs2_stray_replies();
+    strays = efs2_stray_replies();
     peer.send(absent.wire + absent.wire); // nobody is waiting when it comes, and again
     EXPECT_TRUE(peer.until([&] { return efs2_stray_replies() == strays + 1; }));
     expect({present}, 0, "", stat("/b"));
@@ -314,14 +322,34 @@ TEST_F(Efs2, CountsRepliesThatNobodyAskedFor)
     expect({{present.request, framed(packet(64, {})) + absent.wire + present.wire}}, -1, not_there, stat("/b"));
     expect({query}, 3, "", await_strays);
 
-    // What tells that it is about another place counts, too.
+    // What tells that it is about another place counts, too; in a put only of a modem that repeats numbers.
     const Turn read = read_turn(4, 0x100, 4, {1, 2, 3, 4}), write = write_turn(8, {5}, 1);
     bytes.assign(4, 0);
     expect({{read.request, read_turn(4, 0x104, 4, {1, 2, 3, 4}).wire}}, 4, "is for offset 260 of file 3, not for 256",
            [&] { return efs2_read_file(3, bytes, 0x100); });
     expect({{write.request, turn(5, {}, le32(4) + le32(8) + le32(1) + le32(0)).wire}}, 1,
            "Response is for offset 8 of file 4, not for 8 of 3\n", [] { return efs2_write_file(3, Bytes{5}, 8); });
+    const auto put = [&](uint32_t asked, uint32_t told) {
+        sequence = static_cast<uint16_t>(asked);
+        expect({turn(38, le32(0) + le32(1) + le16(asked) + text("/d"), le16(told) + le32(0))}, 0,
+               asked == told ? "" : "not matched", [&] { return efs2_put_file("/d", {}, 1, sequence); });
+    };
+    for (const auto& [asked, told] : {std::pair(0U, 0U), {9U, 8U}, {9U, 9U}})
+        put(asked, told);
     expect({query}, 5, "", await_strays);
+    put(9, 8);
+    efs2_forget_firmware();
+    put(9, 8);
+    expect({query}, 6, "", await_strays);
+
+    // Silence tells nothing of one that has greeted nobody.
+    efs2_forget_firmware();
+    expect({{absent.request, absent.wire}}, -1, not_there, stat("/a"));
+    expect({{query.request, {}}, {packet(0, Bytes(40)), {}}}, 6, "Timeout!", await_strays);
+    expect({{absent.request, absent.wire}}, -1, not_there, stat("/a"));
+    expect({{packet(0, Bytes(40)), greeting}}, 6, "", await_strays); // it seems to ignore queries
+    efs2_forget_firmware();
+    expect({query}, 6, "", await_strays);
 }
 
 } // namespace
