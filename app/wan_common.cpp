@@ -51,3 +51,30 @@ std::string_view next_token(std::string_view& rest, std::string_view delimiters)
     rest.remove_prefix(token.size());
     return token;
 }
+
+std::string_view trim_buf(std::string_view text)
+{
+    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
+    return text;
+}
+
+std::string_view trim_tail(std::string_view text)
+{
+    return text.substr(0, text.find_last_not_of("\r\n") + 1); // none found is the largest number, plus 1 is 0
+}
+
+bool is_comment_line(std::string_view text)
+{
+    return text.empty() || text.starts_with('#');
+}
+
+int32_t hex2int(char digit)
+{
+    if (digit >= '0' && digit <= '9')
+        return digit - '0';
+    if (digit >= 'a' && digit <= 'f')
+        return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F')
+        return digit - 'A' + 10;
+    return -1;
+}

@@ -23,3 +23,17 @@ void tessel_stdout_on_off(int32_t value);
 // Takes the next token off `rest`: the longest run without a character of `delimiters`, those before it skipped. Empty
 // when none is left.
 [[nodiscard]] std::string_view next_token(std::string_view& rest, std::string_view delimiters);
+
+// ---- lines of text files ----
+
+// `text` without the blanks and tabs it begins with; empty when nothing is left.
+[[nodiscard]] std::string_view trim_buf(std::string_view text);
+
+// `text` without the CR and LF characters it ends with.
+[[nodiscard]] std::string_view trim_tail(std::string_view text);
+
+// Whether `text`, from trim_buf, is a comment or nothing.
+[[nodiscard]] bool is_comment_line(std::string_view text);
+
+// Value of a hex digit, -1 for any other character.
+[[nodiscard]] int32_t hex2int(char digit);

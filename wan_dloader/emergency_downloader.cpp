@@ -1,6 +1,7 @@
 #include "wan_dloader/emergency_downloader.h"
 
 #include "app/applet_log.h"
+#include "app/wan_common.h"
 #include "diag/exchange.h"
 #include "diag/packet_fields.h"
 #include "diag/pktio.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <optional>
 #include <sys/stat.h>
 #include <thread>
 #include <utility>
@@ -103,21 +103,10 @@ enum Type : uint32_t { data, end_of_file, segment_address, segment_start, linear
 
 constexpr size_t longest_line = 511;
 
-std::optional<uint32_t> hex_digit(char digit)
-{
-    if (digit >= '0' && digit <= '9')
-        return static_cast<uint32_t>(digit - '0');
-    if (digit >= 'A' && digit <= 'F')
-        return static_cast<uint32_t>(digit - 'A') + 10;
-    if (digit >= 'a' && digit <= 'f')
-        return static_cast<uint32_t>(digit - 'a') + 10;
-    return std::nullopt;
-}
-
 bool has_hex_digits(std::string_view text, size_t at, size_t count)
 {
     return text.size() >= at + count &&
-           std::ranges::all_of(text.substr(at, count), [](char c) { return hex_digit(c).has_value(); });
+           std::ranges::all_of(text.substr(at, count), [](char c) { return hex2int(c) >= 0; });
 }
 
 // ---- sending the downloader ----
@@ -300,10 +289,10 @@ uint32_t ParseUint(std::string_view text, size_t digits)
     }
     uint32_t value = 0;
     for (const char character : text.substr(0, digits)) {
-        const auto digit = hex_digit(character);
-        if (!digit)
+        const int32_t digit = hex2int(character);
+        if (digit < 0)
             break;
-        value = value << 4 | *digit;
+        value = value << 4 | static_cast<uint32_t>(digit);
     }
     return value;
 }

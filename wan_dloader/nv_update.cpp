@@ -386,22 +386,6 @@ int32_t DeleteEFS2F(const std::string& path, const std::string& port)
     return with_port(port, [&path] { return delete_efs2_file(path); });
 }
 
-std::string_view trim_buf(std::string_view text)
-{
-    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
-    return text;
-}
-
-std::string_view trim_tail(std::string_view text)
-{
-    return text.substr(0, text.find_last_not_of("\r\n") + 1); // none found is the largest number, plus 1 is 0
-}
-
-bool is_comment_line(std::string_view text)
-{
-    return text.empty() || text.starts_with('#');
-}
-
 NvRecordType get_nvtype(std::string_view text)
 {
     for (const Keyword& keyword : keywords) {
@@ -439,17 +423,6 @@ int32_t get_field_str(std::string_view text, std::string_view name, std::string&
 bool is_next_nvitem(std::string_view text)
 {
     return text.find('=') != std::string_view::npos;
-}
-
-int32_t hex2int(char digit)
-{
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F')
-        return digit - 'A' + 10;
-    return -1;
 }
 
 int32_t get_data(std::span<uint8_t> buffer, FILE* file)

@@ -57,15 +57,6 @@
 
 enum class NvRecordType { nv_item, nv_item_file, efs_file, del_efs_file, other };
 
-// `text` without the blanks and tabs it begins with; empty when nothing is left.
-[[nodiscard]] std::string_view trim_buf(std::string_view text);
-
-// `text` without the CR and LF characters it ends with.
-[[nodiscard]] std::string_view trim_tail(std::string_view text);
-
-// Whether `text`, from trim_buf, is a comment or nothing.
-[[nodiscard]] bool is_comment_line(std::string_view text);
-
 // The keyword that `text`, from trim_buf, begins with.
 [[nodiscard]] NvRecordType get_nvtype(std::string_view text);
 
@@ -79,9 +70,6 @@ enum class NvRecordType { nv_item, nv_item_file, efs_file, del_efs_file, other }
 [[nodiscard]] int32_t get_field_str(std::string_view text, std::string_view name, std::string& value);
 
 [[nodiscard]] bool is_next_nvitem(std::string_view text);
-
-// Value of a hex digit, -1 for any other character.
-[[nodiscard]] int32_t hex2int(char digit);
 
 // Reads data lines into `buffer`, and leaves `file` at the start of the header behind them. The number of bytes stored,
 // an ERROR telling of those that found no room. -1 when a data line was refused (ERROR), or reading fails.

@@ -8,7 +8,6 @@
 #include "platform/os.h"
 #include "platform/tar.h"
 #include "wan_dloader/image_catalogue.h"
-#include "wan_dloader/nv_update.h"
 #include "wan_dloader/run_settings.h"
 
 #include <algorithm>

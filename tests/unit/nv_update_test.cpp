@@ -1,8 +1,8 @@
 #include "wan_dloader/nv_update.h"
 
+#include "app/wan_common.h"
 #include "platform/os.h"
 
-#include <cctype>
 #include <gtest/gtest.h>
 #include <limits>
 #include <vector>
@@ -58,10 +58,6 @@ TEST(NvUpdate, TrimsAndClassifiesLines)
         EXPECT_EQ(is_comment_line(row.trimmed), row.comment) << row.line;
         EXPECT_EQ(get_nvtype(row.trimmed), row.type) << row.line;
     }
-    const std::pair<const char*, const char*> tails[] = {
-        {"", ""}, {"\r\n\n", ""}, {"a\n", "a"}, {"\ra \r\r\n", "\ra "}, {"a\n\t", "a\n\t"}};
-    for (const auto& [text, trimmed] : tails)
-        EXPECT_EQ(trim_tail(text), trimmed);
 }
 
 // Whatever is no number must not pass for 0, which is an item, and a length.
@@ -116,15 +112,6 @@ TEST(NvUpdate, APathThatIsNotGivenStaysAsItWas)
     for (const auto& row : rows) {
         EXPECT_EQ(get_field_str(row.text, "EFS FILE", path), row.length) << row.text;
         EXPECT_EQ(path, row.path) << row.text;
-    }
-}
-
-TEST(NvUpdate, HexDigits)
-{
-    constexpr std::string_view digits = "0123456789abcdef";
-    for (int c = 0; c < 256; ++c) {
-        const size_t value = digits.find(static_cast<char>(tolower(c)));
-        EXPECT_EQ(hex2int(static_cast<char>(c)), value == std::string_view::npos ? -1 : static_cast<int32_t>(value));
     }
 }
 

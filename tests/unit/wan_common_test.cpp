@@ -1,5 +1,6 @@
 #include "app/wan_common.h"
 
+#include <cctype>
 #include <gtest/gtest.h>
 #include <limits>
 #include <numeric>
@@ -57,4 +58,21 @@ TEST(WanCommon, TokensAreTakenOneByOne)
     for (const char* token : {"ab", "c", "", ""})
         EXPECT_EQ(next_token(rest, ",;"), token);
     EXPECT_EQ(next_token(rest = "whole", ","), "whole");
+}
+
+TEST(WanCommon, LineEndsAreCut)
+{
+    const std::pair<const char*, const char*> tails[] = {
+        {"", ""}, {"\r\n\n", ""}, {"a\n", "a"}, {"\ra \r\r\n", "\ra "}, {"a\n\t", "a\n\t"}};
+    for (const auto& [text, trimmed] : tails)
+        EXPECT_EQ(trim_tail(text), trimmed);
+}
+
+TEST(WanCommon, HexDigits)
+{
+    constexpr std::string_view digits = "0123456789abcdef";
+    for (int c = 0; c < 256; ++c) {
+        const size_t value = digits.find(static_cast<char>(tolower(c)));
+        EXPECT_EQ(hex2int(static_cast<char>(c)), value == std::string_view::npos ? -1 : static_cast<int32_t>(value));
+    }
 }
