@@ -75,6 +75,10 @@ const Exchange exchanges[] = {
     // Pieces and escapes.
     {"NextPieceAfterAPrompt", {"at-text@2:> "}, R"_(-v -c "$(printf 'AT+A\rAT+CGMR\rAT+B')")_", 0,
      "VM1.0.0\nOK\n\n", {}, "ATE0|AT+A|AT+CGMR"},
+    {"NoPieceAfterAnAnswer", {}, R"_(-o -c "$(printf 'AT\rAT+B')")_", 0,
+     "DEBUG:#stdout is on#\nWARNING:#4 characters behind a carriage return were not sent#\n", {}, "ATE0|AT"},
+    {"NoPieceAfterWhatIsNotJudged", {"at-text@2:> "}, R"(-o -C 'AT+CMGS=1\rhello\r')", 0,
+     "DEBUG:#stdout is on#\nWARNING:#6 characters behind a carriage return were not sent#\n", {}, "ATE0|AT+CMGS=1"},
     {"PromptWithNothingToSay", {}, "-v -c AT+CMGS=1", 0, "> \n", {}, "ATE0|AT+CMGS=1"},
     {"TextAfterAPrompt", {}, R"_(-v -c "$(printf 'AT+CMGS=1\rhello')")_", 0, "+CMGS: 1\nOK\n\n", {}, "ATE0|AT+CMGS=1"},
     {"LongestPiece", {}, "-c AT$(printf %0253d 0)", 103, "", {}, "ATE0|AT" + std::string(30, '0')},
