@@ -84,8 +84,6 @@ int32_t nv_parse(NvPacket& packet, std::string_view text)
 {
     packet.fill(0);
     const std::string_view item = next_token(text, ":");
-    if (item.empty())
-        return 0;
     put_le16(packet, nv_packet::item_at, static_cast<uint16_t>(text_to_int(std::string(item))));
     if (!text.empty())
         text.remove_prefix(1); // only the first colon separates
@@ -98,5 +96,7 @@ int32_t nv_parse(NvPacket& packet, std::string_view text)
         }
         put_u8(packet, nv_packet::data_at + count++, static_cast<uint8_t>(text_to_int(std::string(value))));
     }
+    if (count == 0)
+        log_error("No data bytes for an NV item");
     return static_cast<int32_t>(count);
 }

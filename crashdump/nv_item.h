@@ -38,5 +38,5 @@ void nvitem_write(NvPacket& packet);
 void display_nv_rdwr_status(uint16_t status);
 
 // Fills `packet` from a text such as "550:1,2,3": the item, then its data bytes, each taken modulo 256. Returns the
-// number of data bytes; 0 when there are none, or, with an ERROR, more than an item holds.
+// number of data bytes; 0 with an ERROR when there are none, or more than an item holds.
 [[nodiscard]] int32_t nv_parse(NvPacket& packet, std::string_view text);
