@@ -67,6 +67,13 @@ std::string other_name_of(const LinuxImage& image)
     return std::string(image.partition) + ".img";
 }
 
+// `file` as the shell takes it. What fails is left as it is, and changes no status.
+void flash_partition(const char* partition, const std::string& file)
+{
+    if (run_shell("fastboot flash %s %s", partition, file.c_str()) != 0)
+        log_error("Failed to flash partition %s", partition);
+}
+
 // One image of the package, by way of a scratch copy.
 void flash_from_package(const LinuxImage& image)
 {
@@ -75,7 +82,7 @@ void flash_from_package(const LinuxImage& image)
         return;
     }
     log_debug("Flash the partition: %s", image.partition);
-    (void)run_shell("fastboot flash %s %s", image.partition, scratch_path);
+    flash_partition(image.partition, scratch_path);
 }
 
 void flash_from_folder(const LinuxImage& image)
@@ -86,7 +93,7 @@ void flash_from_folder(const LinuxImage& image)
         log_warning("%s: %s", printable(path).c_str(), error_text(errno).c_str());
         return;
     }
-    (void)run_shell("fastboot flash %s %s", image.partition, shell_quote_path(path).c_str());
+    flash_partition(image.partition, shell_quote_path(path));
 }
 
 } // namespace
@@ -189,6 +196,12 @@ bool has_room_for_linux_images()
     return false;
 }
 
+void erase_partition(const char* partition)
+{
+    if (run_shell("fastboot erase %s", partition) != 0)
+        log_warning("Failed to erase partition %s", partition); // not every modem has all of them
+}
+
 int32_t UpdateLinuxImages(int32_t check)
 {
     if (check != 0) {
@@ -206,7 +219,7 @@ int32_t UpdateLinuxImages(int32_t check)
         (void)run_shell("rm %s", scratch_path);
     if ((sFlashMode & flash_mode::erase_efs2) != 0 && s_need_to_erase_all_partitions != 0) {
         log_info("Erase EFS2 and then reboot");
-        (void)run_shell("fastboot erase EFS2");
+        erase_partition("EFS2");
     }
     SendReset();
     if (check != 0)
@@ -219,7 +232,7 @@ int32_t EraseAllPartitions(const std::string& port)
     if (EnterFastbootMode(port) == 0)
         return 1;
     for (const char* partition : partitions_to_erase)
-        (void)run_shell("fastboot erase %s", partition);
+        erase_partition(partition);
     (void)run_shell("fastboot reboot");
     return 0;
 }

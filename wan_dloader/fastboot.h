@@ -34,9 +34,12 @@ int32_t EnterFastbootMode(const std::string& port);
 // ERROR, with the bytes that the largest one needs.
 [[nodiscard]] bool has_room_for_linux_images();
 
-// Writes the Linux images that the firmware has (WARNING for each it has not), erases EFS2 where that was asked for and
-// is needed, and resets the modem. With `check` the modem may not be in fastboot mode yet: it is sent there by adb, or
-// waited for. 0; 1 when adb fails, or the result of the wait (ERROR).
+// Erases a partition by fastboot. WARNING when that fails.
+void erase_partition(const char* partition);
+
+// Writes the Linux images that the firmware has (WARNING for each it has not, ERROR for each that fails), erases EFS2
+// where that was asked for and is needed, and resets the modem. With `check` the modem may not be in fastboot mode yet:
+// it is sent there by adb, or waited for. 0; 1 when adb fails, or the result of the wait (ERROR).
 int32_t UpdateLinuxImages(int32_t check);
 
 // Erases every partition by fastboot, boot code included, and reboots the modem, which then comes up in the boot ROM's

@@ -249,7 +249,7 @@ int32_t EraseAndRestoreQCN(const std::string& port)
         if (WaitForDiagPort(port, patience) == 0 || EnterFastbootMode(port) == 0)
             return 1;
         log_info("Erase EFS2");
-        (void)run_shell("fastboot erase EFS2");
+        erase_partition("EFS2");
         (void)run_shell("fastboot reboot");
     }
     return RestoreQCN(port);

@@ -160,6 +160,10 @@ const UpdateCase fastboot_cases[] = {
      .records = linux_alone + not_by_diag + "I Entering fastboot mode: ADB" + "I Start flashing linux images" + stage5 +
                 finished,
      .changed = linux_images},
+    {.name = "WithoutOneImage", .modem = "--fail fastboot:userdata", .package = newer_apps, .options = "-l",
+     .records = linux_alone + "I Start flashing linux images" + "E Failed to flash partition userdata" + stage5 +
+                finished,
+     .changed = "boot system"},
     {.name = "ByNoWay", .modem = "--diag-fastboot off --adb off", .package = newer_apps, .options = "-l", .status = 72,
      .records = linux_alone + not_by_diag + no_device + "I Check fastboot mode" + no_device +
                 "E Not in fastboot mode" + never_came_back},
