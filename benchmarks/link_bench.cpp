@@ -148,9 +148,10 @@ std::vector<Turn> backup_script()
     const auto stat = [&turn](const NvFileRow& row, uint32_t mode) {
         turn(efs2_packet(15, {}, std::string(row.path) + '\0'), efs2_packet(15, {0, mode, row.size, 1, 0, 0}));
     };
-    const auto hello = [&turn] {
+    const auto query = [&turn] { turn(efs2_packet(1, {}), efs2_packet(1, {0, 0, 0, 0, 0, 0})); };
+    const auto hello = [&turn, &query] {
         turn(efs2_packet(0, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), efs2_packet(0, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-        turn(efs2_packet(1, {}), efs2_packet(1, {0, 0, 0, 0, 0, 0}));
+        query();
     };
 
     for (const NvItemRow& row : NvItemList) {
@@ -169,6 +170,7 @@ std::vector<Turn> backup_script()
         turn(efs2_packet(39, {row.size, 0}, number + row.path + '\0'),
              efs2_packet(39, {row.size, 0}, number + std::string(row.size, 'x')));
     }
+    query(); // each pass ends with one
     hello();
     for (const NvFileRow& row : EFSFileList) {
         stat(row, 0x81B6);
@@ -179,6 +181,7 @@ std::vector<Turn> backup_script()
         }
         turn(efs2_packet(3, {0}), efs2_packet(3, {0}));
     }
+    query();
     return script;
 }
 
