@@ -225,7 +225,10 @@ int32_t RemoveNVBackup()
             return 1;
         log_error("Not all NV data were restored: the backup is kept as %s", name.c_str());
     }
-    return run_shell("rm %s", backup_path);
+    const int32_t status = run_shell("rm %s", backup_path);
+    if (path_exists(backup_path))
+        log_warning("Failed to remove %s", backup_path); // a later run would take it for its own
+    return status;
 }
 
 int32_t RestoreQCN(const std::string& port)

@@ -20,7 +20,7 @@
 [[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
 
 // Removes /data/nvbackup.bin. The shell's raw status. When the last restore left something out it is kept under another
-// name, as above (ERROR); 1 when that fails (ERROR), and nothing is removed.
+// name, as above (ERROR); 1 when that fails (ERROR), and nothing is removed. WARNING when it stays.
 int32_t RemoveNVBackup();
 
 // Restores from the backup, or from the golden copy, when sFlashAllPartitions is set; otherwise nothing is done. 0, or

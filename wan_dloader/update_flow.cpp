@@ -159,7 +159,7 @@ EndOfRun prepare_flash()
     if (!can_revive_modem())
         return status_failed;
     if (const int32_t result = BackupQCN(s_diag_port); result != 0)
-        return result;
+        return path_exists(s_diag_port) ? leave_modem_as_it_was() : EndOfRun(result);
     if (!has_whole_backup())
         return leave_modem_as_it_was();
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
