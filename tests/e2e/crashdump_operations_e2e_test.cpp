@@ -45,7 +45,7 @@ const std::string crashdump_usage = "\ncrashdump version: 1.7\n\nUsage: crashdum
                                     "\t-p <PATH to save RAM dump files>\n\t-D Modem Port when crashing\n"
                                     "\t-d Enable debug message\n\t-o Output to console\n\t-h Help\n\n";
 const std::string longest_port = std::string(116, '/') + "dev/ttyUSB0"; // 127 characters
-const std::string no_data = "E No data bytes for an NV item";
+const std::string no_data_bytes = "E No data bytes for an NV item";
 const std::string request_done = "W Request was completed.";
 const std::string ask_sku = "4: 4B 00 44 00";
 const std::string get_file = "19: 4B 00 51 00 0A 00"; // "/etc/version"
@@ -66,7 +66,7 @@ const Operation operations[] = {
     {"NoKeyword", "absent", "for t in RUN '' diag; do c -t \"$t\" -h; echo $?; done", 0, "0\n0\n0\n",
      {"E Invalid command: RUN", "E Invalid command: ", "E Invalid command: diag"}, {}, ""},
     {"NothingToWrite", "absent", "for n in 550 550: :,; do c -N $n -h; echo $?; done", 0, "2\n2\n2\n",
-     {"I NV string: 550", no_data, "I NV string: 550:", no_data, "I NV string: :,", no_data}, {}, ""},
+     {"I NV string: 550", no_data_bytes, "I NV string: 550:", no_data_bytes, "I NV string: :,", no_data_bytes}, {}, ""},
     {"TooMuchToWrite", "absent", "c -N 5:$(printf %0129d 0 | sed s/0/1,/g)", 2, "",
      {"I NV string: 5:" + times(129, "1,"), "E Too many data bytes for an NV item (more than 128)"}, {}, ""},
 
