@@ -89,11 +89,16 @@ private:
     uint32_t strays_ = 0;
 };
 
+// What the modem's firmware was seen to do.
+struct FirmwareHabits {
+    bool greets = false;          // it has replied to a hello or query
+    bool ignores_queries = false; // a query was without its reply when a later request had its own
+    bool repeats_numbers = false; // a reply of its own to a transfer had the number of the request
+};
+
 DueReplies s_due;
+FirmwareHabits s_firmware;
 bool s_was_silent = true;               // the modem, at the last request, if that was not a mere close
-bool s_greets = false;                  // it has replied to a hello or query
-bool s_ignores_queries = false;         // a query was without its reply when a later request had its own
-bool s_repeats_numbers = false;         // a reply of its own to a transfer had the number of the request
 std::atomic<bool> s_takes_last = false; // of several replies of a kind that are due
 
 // The first four bytes of the request. A filter that a time-out overtook may still look at it while the next request is
@@ -162,28 +167,28 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
     const uint16_t command = get_le16(request, efs2_packet::command_at);
     s_efs2_req_header = get_le32(request, 0);
     const uint32_t due = s_due.due(command);
-    const bool tells_by_number = is_numbered(command) && s_repeats_numbers && due != 0;
+    const bool tells_by_number = is_numbered(command) && s_firmware.repeats_numbers && due != 0;
     s_number = tells_by_number ? number_of_request(request) : any_number;
     SetRspObserver(efs2_observe);
     s_due.expect(command);
     const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
     const bool answered = result == exchange_accepted;
     s_was_silent = !answered && !is_close(command);
-    s_greets = s_greets || (answered && is_greeting(command));
+    s_firmware.greets = s_firmware.greets || (answered && is_greeting(command));
     if (answered && (tells_by_number || s_due.due(command) == 0)) { // it was its own
-        s_repeats_numbers = s_repeats_numbers || repeats_number(request);
-        s_ignores_queries = s_ignores_queries || s_due.due(query_packet::command) != 0;
+        s_firmware.repeats_numbers = s_firmware.repeats_numbers || repeats_number(request);
+        s_firmware.ignores_queries = s_firmware.ignores_queries || s_due.due(query_packet::command) != 0;
         s_due.forget_all();
     }
     if (!answered && tells_by_number && s_due.due(command) <= due)
-        s_repeats_numbers = false; // it replied, perhaps with a number of its own
+        s_firmware.repeats_numbers = false; // it replied, perhaps with a number of its own
     return result;
 }
 
 // Whether the next reply to `command` may be one to an earlier request, and that matters.
 [[nodiscard]] bool may_get_late_reply(uint16_t command)
 {
-    const bool tells_by_number = is_numbered(command) && s_repeats_numbers;
+    const bool tells_by_number = is_numbered(command) && s_firmware.repeats_numbers;
     return !is_greeting(command) && !is_close(command) && !tells_by_number && s_due.due(command) != 0;
 }
 
@@ -192,7 +197,7 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
 [[nodiscard]] int32_t let_late_replies_pass()
 {
     std::array<uint8_t, hello_packet::request_size> request = {efs2_packet::code, efs2_packet::subsystem};
-    if (!s_ignores_queries && s_due.due(query_packet::command) == 0) {
+    if (!s_firmware.ignores_queries && s_due.due(query_packet::command) == 0) {
         put_le16(request, efs2_packet::command_at, query_packet::command);
         if (await_reply(std::span(request).first(query_packet::request_size)) == exchange_accepted)
             return exchange_accepted;
@@ -223,14 +228,12 @@ int32_t efs2_exchange(std::span<const uint8_t> request)
 void efs2_forget_firmware()
 {
     s_due.greet_anew();
-    s_greets = false;
-    s_ignores_queries = false;
-    s_repeats_numbers = false;
+    s_firmware = {};
 }
 
 bool efs2_repeats_numbers()
 {
-    return s_repeats_numbers;
+    return s_firmware.repeats_numbers;
 }
 
 uint32_t efs2_stray_replies()
@@ -245,5 +248,5 @@ void efs2_count_stray()
 
 bool efs2_await_strays()
 {
-    return s_was_silent || let_late_replies_pass() == exchange_accepted || !s_greets;
+    return s_was_silent || let_late_replies_pass() == exchange_accepted || !s_firmware.greets;
 }

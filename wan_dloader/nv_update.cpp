@@ -3,6 +3,7 @@
 #include "app/applet_log.h"
 #include "app/wan_common.h"
 #include "crashdump/efs2.h"
+#include "crashdump/efs2_exchange.h"
 #include "crashdump/nv_item.h"
 #include "diag/packet_fields.h"
 #include "diag/serial_port.h"
@@ -351,10 +352,15 @@ int32_t with_port(const std::string& port, Work work)
     return result;
 }
 
-void set_offline()
+// Applies the files up to the first that fails, to the modem set offline. 0, or 1 when one failed.
+int32_t apply_files(std::span<const std::string> files)
 {
     log_info("Set OFFLINE mode");
     request_modem_mode(ModemMode::offline);
+    const uint32_t strays = efs2_stray_replies();
+    const bool applied = std::ranges::all_of(files, [](const auto& file) { return update_nv_file(file) == 0; });
+    (void)stray_replies_since(strays); // is in the log
+    return applied ? 0 : 1;
 }
 
 } // namespace
@@ -362,18 +368,14 @@ void set_offline()
 int32_t UpdateNV(const std::string& file, const std::string& port)
 {
     return with_port(port, [&file] {
-        set_offline();
-        (void)update_nv_file(file); // callers go on whatever came of it
+        (void)apply_files({&file, 1}); // callers go on whatever came of it
         return 0;
     });
 }
 
 int32_t UpdateNV2(std::span<const std::string> files, const std::string& port)
 {
-    return with_port(port, [files] {
-        set_offline();
-        return std::ranges::all_of(files, [](const auto& file) { return update_nv_file(file) == 0; }) ? 0 : 1;
-    });
+    return with_port(port, [files] { return apply_files(files); });
 }
 
 int32_t ReadNVF(const std::string& path, const std::string& port)

@@ -39,11 +39,11 @@
 #include <string_view>
 
 // Applies one file and leaves the modem offline. 1 when the port does not appear, else 0, even if there is no such
-// file: what was refused or failed is in the log.
+// file: what was refused or failed is in the log, at the end also that EFS2 replies were another file's (ERROR).
 [[nodiscard]] int32_t UpdateNV(const std::string& file, const std::string& port);
 
-// Applies files in their order. 1 when the port does not appear, or one of them cannot be opened or read, or there is
-// no memory, and the rest is left out; else 0.
+// Applies files in their order, and logs what UpdateNV does. 1 when the port does not appear, or one of them cannot be
+// opened or read, or there is no memory, and the rest is left out; else 0.
 [[nodiscard]] int32_t UpdateNV2(std::span<const std::string> files, const std::string& port);
 
 // Prints the modem's file `path` in hex. 0, also when reading it fails on the way; 1 when the port does not appear, the

@@ -147,6 +147,18 @@ TEST_F(NvUpdate, WritesWhatTheFileSays)
     EXPECT_THAT(asked, ::testing::Not(::testing::Contains("3: 29 02 00")));
 }
 
+// The answer to the first file comes twice, and is taken for that to the second.
+TEST_F(NvUpdate, TellsOfAnAnswerTooMuch)
+{
+    modem("normal --fault twice@3");
+    fill("efs", {{"a", "old"}, {"b", "old"}});
+    write_file("/data/update.txt", "DEL EFS FILE=/a\nDEL EFS FILE=/b\n");
+    const auto r = run("tessel wan_dloader -nU/data/update.txt");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(complaints_of(r),
+                ElementsAre("E 1 EFS2 replies belong to no request: what came before may be another file's"));
+}
+
 TEST_F(NvUpdate, NeedsAFile)
 {
     modem("normal --sku 2");

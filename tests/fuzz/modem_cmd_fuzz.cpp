@@ -1,5 +1,7 @@
-// Requests as they are typed, and what the services of the modem reply.
+// Requests as they are typed, and what the modem and its services reply.
 #include "crashdump/modem_cmd.h"
+
+#include "crashdump/nv_item.h"
 #include "tests/fuzz/modem.h"
 
 #include <algorithm>
@@ -57,6 +59,14 @@ void ask_for_sku()
     show_modem_sku();
 }
 
+void read_and_write_item(const std::string& text)
+{
+    NvPacket packet{};
+    if (nv_parse(packet, text) != 0)
+        nvitem_write(packet);
+    nvitem_read(packet[nv_packet::item_at], packet[nv_packet::data_at]);
+}
+
 void pull(size_t& said)
 {
     const NamelessFile file;
@@ -96,8 +106,9 @@ void fuzz_one(Input& input)
     s_verbose = settings & 1;
     s_exit_on_timeout = settings >> 1 & 1;
 
-    constexpr uint8_t parsing = 0, asking = 1, showing = 2, log = 3, one_log = 4, pulling = 5, pushing = 6, running = 7;
-    switch (what % 9) {
+    constexpr uint8_t parsing = 0, asking = 1, showing = 2, log = 3, one_log = 4, pulling = 5, pushing = 6, running = 7,
+                      sku = 8;
+    switch (what % 10) {
     case parsing:
         return parse(text);
     case asking:
@@ -114,7 +125,9 @@ void fuzz_one(Input& input)
         return push(input.piece(), text);
     case running:
         return run(contents);
-    default:
+    case sku:
         return ask_for_sku();
+    default:
+        return read_and_write_item(text);
     }
 }
