@@ -374,8 +374,10 @@ int32_t run_update()
     if (!lock_nv_data())
         return status_failed; // two runs would write half of the flash each
     if (s_run_in_recovery_mode != 0) {
-        if (const int32_t result = power_up(); result != 0)
+        if (const int32_t result = power_up(); result != 0) {
+            log_error("Failed to power on the modem: %d", static_cast<int>(result));
             return result;
+        }
     } else {
         StopRilDaemon();
     }

@@ -334,6 +334,10 @@ TEST_F(FirmwareUpdate, RecoveryModePowersTheModem)
     run_through("-r -m all -l", all_stages, {no_erase});
     expect_written(everything);
     EXPECT_THAT(journal(), Not(::testing::Contains(HasSubstr("ril-daemon"))));
+
+    const auto r = run(update + "-r -m all -l"); // the modules are there by now
+    EXPECT_EQ(r.status, 20);
+    EXPECT_THAT(r.records(), ElementsAre("E Failed to power on the modem: 20"));
 }
 
 // In recovery mode the NV data of the SKU are for units that are not from series production.
