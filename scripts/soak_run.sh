@@ -293,12 +293,7 @@ way_out() {
     update) repair_update ;;
     *)
         plug_in "${again[@]}"
-        local options=("${call[@]}")
-        # Half a golden copy has to be made anew.
-        if [ "$job" = golden ] && [ -e "$root/data/$file" ]; then
-            options=(wan_dloader -o -fng)
-        fi
-        step "${options[*]}" tessel "${options[@]}"
+        step "${call[*]}" tessel "${call[@]}"
         is_whole
         ;;
     esac

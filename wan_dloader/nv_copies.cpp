@@ -26,6 +26,7 @@ constexpr const char* backup_path = "/data/nvbackup.bin";
 constexpr const char* fresh_path = "/data/nvbackup.bin.new"; // a backup that is to take the place of one
 constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one that it may be worth less than
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
+constexpr const char* fresh_golden_path = "/data/nvbackup_golden.bin.new"; // one that nobody has judged yet
 constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
 
 // Backs the modem up to the file of this name. 0, or 1 with an ERROR when it cannot be made or written whole.
@@ -40,6 +41,15 @@ int32_t backup_to(const std::string& port, const std::string& file_name)
     NVItemBackupVerify(file_name);
     CloseSerialPort();
     return std::ranges::count(results, 0) == std::ssize(results) ? 0 : 1;
+}
+
+// Gives a new copy its name, in the place of one that has it. False with an ERROR when that fails.
+bool put_in_place(const char* fresh, const char* name)
+{
+    if (rename(fresh, name) == 0)
+        return true;
+    log_error("rename %s: %s", fresh, error_text(errno).c_str());
+    return false;
 }
 
 // ---- the backup ----
@@ -128,13 +138,13 @@ bool is_worth_keeping(bool renewal)
     }
     if (!renewal)
         return true;
-    const NvFileContents golden = nv_file_contents(golden_path);
+    const NvFileContents fresh = nv_file_contents(fresh_golden_path);
     const NvFileContents parked = nv_file_contents(parked_path);
-    if (!golden.holds_less_than(parked))
+    if (!fresh.holds_less_than(parked))
         return true;
-    log_error("The new golden copy holds %s; the old one, with %s, stays", golden.text().c_str(),
+    log_error("The new golden copy holds %s; the old one, with %s, stays", fresh.text().c_str(),
               parked.text().c_str());
-    report_missing(golden, parked);
+    report_missing(fresh, parked);
     return false;
 }
 
@@ -179,11 +189,8 @@ int32_t BackupQCN(const std::string& port)
     if (!path_exists(backup_path))
         return backup_to(port, backup_path);
     // The one that is there may be the only one: it stays until the new one is on the disk.
-    if (backup_to(port, fresh_path) == 0 && keep_richer_backup()) {
-        if (rename(fresh_path, backup_path) == 0)
-            return 0;
-        log_error("rename %s: %s", fresh_path, error_text(errno).c_str());
-    }
+    if (backup_to(port, fresh_path) == 0 && keep_richer_backup() && put_in_place(fresh_path, backup_path))
+        return 0;
     log_error("No new backup: %s is the one from before", backup_path);
     (void)unlink(fresh_path);
     return 1;
@@ -203,12 +210,12 @@ int32_t BackupGoldenQCN(const std::string& port)
     if (renewal && !move_golden(golden_path, parked_path))
         return 1;
 
-    if (backup_to(port, golden_path) != 0 || !is_worth_keeping(renewal)) {
-        // Half a copy would stand in the way of a whole one for ever.
+    // Half a copy by the name of a golden one would stand in the way of a whole one for ever.
+    if (backup_to(port, fresh_golden_path) != 0 || !is_worth_keeping(renewal) ||
+        !put_in_place(fresh_golden_path, golden_path)) {
+        (void)unlink(fresh_golden_path);
         if (renewal)
             (void)move_golden(parked_path, golden_path);
-        else
-            (void)unlink(golden_path);
         return 1;
     }
     if (renewal && run_shell("rm %s", parked_path) != 0)
@@ -266,8 +273,9 @@ int32_t MakeGoldenCopy()
     }
     if (!is_worth_keeping(false))
         return 1;
-    const int32_t result = CopyFile(golden_path, backup_path);
-    if (!same_size(golden_path, backup_path))
-        (void)unlink(golden_path); // as in BackupGoldenQCN
+    (void)unlink(fresh_golden_path); // a longer one would keep its tail
+    const int32_t result = CopyFile(fresh_golden_path, backup_path);
+    if (!same_size(fresh_golden_path, backup_path) || !put_in_place(fresh_golden_path, golden_path))
+        (void)unlink(fresh_golden_path);
     return result;
 }

@@ -262,7 +262,8 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
                                             {efs_files, {}}});
     const std::string holds_fresh = "holds 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes); ",
                       with_more = "with 3 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes), ";
-    const std::string missing = "E fopen "s + golden + ": No such file or directory";
+    const std::string absent = ": No such file or directory", missing = "E fopen "s + golden + absent;
+    const std::string fresh_golden = golden + ".new"s, no_fresh = "E fopen " + fresh_golden + absent;
     const auto no_room = [](const std::string& path) {
         return Texts{"E Failed to write " + path + ": No space left on device",
                      "E NV backup file size is not correct! expected: 28, actual: 0",
@@ -286,7 +287,7 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
         {"-ng", "true", {}, {{name, fresh}}, {}, true, false},
         {"-ng", "true", {{name, old}}, {{name, old}}, {not_whole}, false, false},
         {"-ng", "true", {{name, fresh}, {parked, old}}, {{name, fresh}, {parked, old}}, {}, false, false},
-        {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room(golden), true, false},
+        {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room(fresh_golden), true, false},
         {"-fng", "true", {{name, old}}, {{name, fresh}}, {}, true, false},
         {"-fng", "true", {{name, less}}, {{name, fresh}}, {}, true, false},
         {"-fng", "true", {{name, more}}, {{name, more}}, {not_better}, true, false},
@@ -313,7 +314,7 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
          false},
         {"-nb", "true", {{stored, less}, {kept, more}}, {{stored, fresh}, {kept, more}}, {}, true, false},
         {"-nb", "mount -o remount,size=4k /data", {{stored, more}}, {{stored, more}}, no_room_beside, true, false},
-        {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room(golden), true, false},
+        {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room(fresh_golden), true, false},
         {"-fng",
          "mount -o remount,ro /data",
          {{name, old}},
@@ -325,7 +326,7 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
          "mount -o remount,ro /data",
          {},
          {},
-         {"E fopen "s + golden + ": Read-only file system", missing, missing, missing},
+         {"E fopen " + fresh_golden + ": Read-only file system", no_fresh, no_fresh, no_fresh},
          true,
          false},
         {"-ng", "true", {{name, half}, {parked, old}}, {{name, half}, {parked, old}}, {not_whole}, false, false},
@@ -420,7 +421,7 @@ TEST_F(SmallModem, GoesAwayAmongTheItems)
     EXPECT_THAT(r.errors(), Contains("Error in pktio_send_packet()"));
     Files left = files_in("/data");
     EXPECT_EQ(left["nvbackup_golden.bintmp"], "old");
-    EXPECT_THAT(left["nvbackup_golden.bin"], StartsWith(backup_file({{nv_items, {}}}) + nv_record(0, "\1\2\3")));
+    EXPECT_THAT(left["nvbackup_golden.bin.new"], StartsWith(backup_file({{nv_items, {}}}) + nv_record(0, "\1\2\3")));
     EXPECT_EQ(left.size(), 2U);
 }
 
