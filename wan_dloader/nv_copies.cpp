@@ -27,7 +27,7 @@ constexpr const char* fresh_path = "/data/nvbackup.bin.new"; // a backup that is
 constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one that it may be worth less than
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
 constexpr const char* fresh_golden_path = "/data/nvbackup_golden.bin.new"; // one that nobody has judged yet
-constexpr const char* parked_path = "/data/nvbackup_golden.bintmp"; // the golden copy while a new one is made
+constexpr const char* parked_path = "/data/nvbackup_golden.bintmp";        // the golden copy while a new one is made
 
 // Backs the modem up to the file of this name. 0, or 1 with an ERROR when it cannot be made or written whole.
 int32_t backup_to(const std::string& port, const std::string& file_name)
@@ -142,8 +142,7 @@ bool is_worth_keeping(bool renewal)
     const NvFileContents parked = nv_file_contents(parked_path);
     if (!fresh.holds_less_than(parked))
         return true;
-    log_error("The new golden copy holds %s; the old one, with %s, stays", fresh.text().c_str(),
-              parked.text().c_str());
+    log_error("The new golden copy holds %s; the old one, with %s, stays", fresh.text().c_str(), parked.text().c_str());
     report_missing(fresh, parked);
     return false;
 }
