@@ -43,13 +43,16 @@ int32_t backup_to(const std::string& port, const std::string& file_name)
     return std::ranges::count(results, 0) == std::ssize(results) ? 0 : 1;
 }
 
-// Gives a new copy its name, in the place of one that has it. False with an ERROR when that fails.
+// Gives a new copy its name, in the place of one that has it, on the disk as well: what it replaces may be removed
+// next. False with an ERROR when that fails.
 bool put_in_place(const char* fresh, const char* name)
 {
-    if (rename(fresh, name) == 0)
-        return true;
-    log_error("rename %s: %s", fresh, error_text(errno).c_str());
-    return false;
+    if (rename(fresh, name) != 0) {
+        log_error("rename %s: %s", fresh, error_text(errno).c_str());
+        return false;
+    }
+    sync_data_folder();
+    return true;
 }
 
 // ---- the backup ----
@@ -106,16 +109,16 @@ bool move_golden(const char* from, const char* to)
     return false;
 }
 
-// A renewal that was cut short, by a power failure say, left the good copy parked and perhaps half a new one, or one
-// that nobody has judged: puts the good one back, unless the new one holds all of it, and more or the good one is not
-// whole. False with an ERROR when that fails; then nothing else may be done here.
+// A renewal that was cut short, by a power failure say, left the good copy parked: puts it back. One that has the name
+// of a golden copy and holds no less was judged before it got that, and stays; half a one gives way to a whole one.
+// False with an ERROR when that fails; then nothing else may be done here.
 bool undo_cut_renewal()
 {
     if (!path_exists(parked_path))
         return true;
     const NvFileContents golden = nv_file_contents(golden_path);
     const NvFileContents parked = nv_file_contents(parked_path);
-    if (!golden.holds_less_than(parked) && (!parked.whole || (golden.whole && parked.holds_less_than(golden))))
+    if (!golden.holds_less_than(parked) && (golden.whole || !parked.whole))
         return true;
     log_warning("Putting back the golden copy of a renewal that was cut short");
     return move_golden(parked_path, golden_path);
@@ -179,6 +182,13 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
 }
 
 } // namespace
+
+void sync_data_folder()
+{
+    const UniqueFd folder(open("/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fsync(folder.get()) != 0)
+        log_warning("fsync /data: %s", error_text(errno).c_str());
+}
 
 int32_t BackupQCN(const std::string& port)
 {

@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <string>
 
+// Puts the names of the files in /data on the disk, too: copies may be all that is left soon. WARNING when that fails.
+void sync_data_folder();
+
 // Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
 // are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
 // the new one is on the disk (/data/nvbackup.bin.new until then), and when the new one holds less, or perhaps another's
@@ -16,7 +19,7 @@
 // The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With
 // s_force_fw_update it is made anew, and the old one is put back when that fails or the new one holds less, or perhaps
 // another's values (ERROR); of a first one that fails, or is in doubt, nothing stays. Until it is judged the new one is
-// /data/nvbackup_golden.bin.new. A renewal that was cut short is undone before anything else.
+// /data/nvbackup_golden.bin.new. A renewal that was cut short is undone before anything else (WARNING).
 [[nodiscard]] int32_t BackupGoldenQCN(const std::string& port);
 
 // Removes /data/nvbackup.bin. The shell's raw status. When the last restore left something out it is kept under another

@@ -19,10 +19,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fcntl.h>
 #include <optional>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -125,14 +123,6 @@ bool has_whole_backup()
     return forced;
 }
 
-// Puts the names of the copies on the disk, too: they are about to be all that is left.
-void sync_data_folder()
-{
-    const UniqueFd folder(open("/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fsync(folder.get()) != 0)
-        log_warning("fsync /data: %s", error_text(errno).c_str());
-}
-
 // Ends the run behind the backup, which has taken the modem offline: it starts anew, and serves as before.
 EndOfRun leave_modem_as_it_was()
 {
@@ -158,9 +148,7 @@ EndOfRun prepare_flash()
     sFlashAllPartitions = 1;
     if (!can_revive_modem())
         return status_failed;
-    if (const int32_t result = BackupQCN(s_diag_port); result != 0)
-        return path_exists(s_diag_port) ? leave_modem_as_it_was() : EndOfRun(result);
-    if (!has_whole_backup())
+    if (BackupQCN(s_diag_port) != 0 || !has_whole_backup())
         return leave_modem_as_it_was();
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
     if (copies_linux_images && !has_room_for_linux_images())

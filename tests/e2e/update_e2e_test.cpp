@@ -47,15 +47,17 @@ const std::string update = "tessel wan_dloader ";
 const std::string older = "normal --revision RIDGE_02_05_07 --apps VA1", newer = "--version RIDGE_02_05_08 --apps VA2";
 const std::string without_nv_files = " --without nvitems.txt --without nvitems_all.txt";
 const std::string no_erase = "W    No need to erase all partitions!";
+const std::string no_rm = "ln -s /bin/false /tmp/rm && PATH=/tmp:$PATH ";
 const Texts no_nv_files = {"E Failed to find the file nvitems.txt", "W Failed to fetch NV file nvitems.txt",
                            "E Failed to find the file nvitems_all.txt", "W Failed to fetch NV file nvitems_all.txt"};
 
 class FirmwareUpdate : public UpdateOnTablet {
 protected:
     // A run from first to last: the stages it goes through, what it remarks, and that it ends well.
-    Result run_through(const std::string& options, const Texts& stages, const Texts& remarked)
+    Result run_through(const std::string& options, const Texts& stages, const Texts& remarked,
+                       const std::string& before = {})
     {
-        Result r = run(update + options);
+        Result r = run(before + update + options);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(those_of(all_stages, headlines(r)), stages); // NV data have headlines of their own
         EXPECT_EQ(remarks(r), remarked);
@@ -182,18 +184,22 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
     EXPECT_THAT(data(), ElementsAre("nvbackup_golden.bin"));
 }
 
-// An answer to an item is lost, both when it is read, which is tried again, and when it is written.
+// An answer to an item is lost, both when it is read, which is tried again, and when it is written. What cannot be
+// erased or removed stops nothing.
 TEST_F(FirmwareUpdate, KeepsTheBackupOfWhatTheModemDidNotTake)
 {
-    modem("normal --revision RIDGE_01_05_0E --apps VA1 --fault diag/drop@4", full_modem(root()));
+    const std::string not_erased = "W Failed to erase partition EFS2";
+    modem("normal --revision RIDGE_01_05_0E --apps VA1 --fault diag/drop@4 --fail fastboot:EFS2", full_modem(root()));
     package(newer + without_nv_files);
     run_through("-E", all_verified + all_written,
                 Texts{"W Modem firmware version (RIDGE_01_05_0E) is older than 01_05_0F",
-                      "W    Need to erase all partitions!!!", "E Timeout!", "W NV item (0): no answer", "E Timeout!",
-                      "W NV item (5): no answer", "E 1 NV items were not restored",
-                      "E Not all NV data were restored: the backup is kept as /data/nvbackup.bin.old"} +
-                    no_nv_files);
-    EXPECT_THAT(data(), ElementsAre("nvbackup.bin.old", "nvbackup_golden.bin"));
+                      "W    Need to erase all partitions!!!", "E Timeout!", "W NV item (0): no answer", not_erased,
+                      not_erased, "E Timeout!", "W NV item (5): no answer", "E 1 NV items were not restored",
+                      "E Not all NV data were restored: the backup is kept as /data/nvbackup.bin.old",
+                      "W Failed to remove /data/nvbackup.bin"} +
+                    no_nv_files,
+                no_rm);
+    EXPECT_THAT(data(), ElementsAre("nvbackup.bin", "nvbackup.bin.old", "nvbackup_golden.bin", "tmp.bin"));
 }
 
 // The user erases all the same, but the backup, in which a file may be another's, is no golden copy.
