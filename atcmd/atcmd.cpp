@@ -273,7 +273,7 @@ int32_t atcmd_process_cmd_helper(std::string_view command, const char* port, std
         if (status != ATCMD_OK || s_wait_for_next_input == 0)
             break;
     }
-    if (status == ATCMD_OK && !command.empty())
+    if (status == ATCMD_OK && command.find_first_not_of('\n') != std::string_view::npos) // \r\n ends a command, too
         log_warning("%zu characters behind a carriage return were not sent", command.size());
     return status;
 }
