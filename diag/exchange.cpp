@@ -191,13 +191,10 @@ bool await_response(const Side& side, std::unique_lock<std::mutex>& lock, Clock:
     constexpr auto overslept = std::chrono::milliseconds(20);
     constexpr auto more = std::chrono::milliseconds(500);
     const auto has_come = [&side] { return side.expected_code == nullptr; };
-    for (int stops_to_bear = 2; !side.cond.wait_until(lock, deadline, has_come); --stops_to_bear) {
-        const auto now = Clock::now();
-        if (now < deadline + overslept || stops_to_bear == 0)
-            return false;
-        deadline = now + more;
-    }
-    return true;
+    if (side.cond.wait_until(lock, deadline, has_come))
+        return true;
+    const auto now = Clock::now();
+    return now >= deadline + overslept && side.cond.wait_until(lock, now + more, has_come);
 }
 
 int32_t timed_out(const Side& side, Form form)

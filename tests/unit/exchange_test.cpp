@@ -117,7 +117,7 @@ TEST_F(Exchange, TakesWhatCameWhileTheProcessWasStopped)
     ASSERT_EQ(kill(child, SIGSTOP), 0);
     ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
     peer.send(framed({0x13, 1}));
-    (void)usleep(5'100'000); // of the five seconds that a response may take
+    (void)usleep(6'000'000); // of the five seconds that a response may take
     ASSERT_EQ(kill(child, SIGCONT), 0);
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exchange_accepted);
