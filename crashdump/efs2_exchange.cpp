@@ -162,24 +162,38 @@ int32_t efs2_callback(std::span<const uint8_t> packet, uintptr_t /*user_data*/)
     return number != 0 && number == number_of_reply({sResponseBuf, sResponseLen});
 }
 
+// The modem's own reply to `request` has come, which the exchange holds: those to earlier ones have come, or never
+// will.
+void learn_from_own_reply(std::span<const uint8_t> request)
+{
+    s_firmware.repeats_numbers = s_firmware.repeats_numbers || repeats_number(request);
+    s_firmware.ignores_queries = s_firmware.ignores_queries || s_due.due(query_packet::command) != 0;
+    s_due.forget_all();
+}
+
+// Sends `request`, and takes only the reply with this number, or any. Returns the exchange's result.
+[[nodiscard]] int32_t exchange_numbered(std::span<const uint8_t> request, uint32_t number)
+{
+    s_efs2_req_header = get_le32(request, 0);
+    s_number = number;
+    SetRspObserver(efs2_observe);
+    s_due.expect(get_le16(request, efs2_packet::command_at));
+    return SendPktWithCallback(request, efs2_packet::code, efs2_callback);
+}
+
+// Sends `request` whatever is due, and learns from what comes. Returns the exchange's result.
 [[nodiscard]] int32_t await_reply(std::span<const uint8_t> request)
 {
     const uint16_t command = get_le16(request, efs2_packet::command_at);
-    s_efs2_req_header = get_le32(request, 0);
     const uint32_t due = s_due.due(command);
     const bool tells_by_number = is_numbered(command) && s_firmware.repeats_numbers && due != 0;
-    s_number = tells_by_number ? number_of_request(request) : any_number;
-    SetRspObserver(efs2_observe);
-    s_due.expect(command);
-    const int32_t result = SendPktWithCallback(request, efs2_packet::code, efs2_callback);
+    const int32_t result = exchange_numbered(request, tells_by_number ? number_of_request(request) : any_number);
     const bool answered = result == exchange_accepted;
     s_was_silent = !answered && !is_close(command);
-    s_firmware.greets = s_firmware.greets || (answered && is_greeting(command));
-    if (answered && (tells_by_number || s_due.due(command) == 0)) { // it was its own
-        s_firmware.repeats_numbers = s_firmware.repeats_numbers || repeats_number(request);
-        s_firmware.ignores_queries = s_firmware.ignores_queries || s_due.due(query_packet::command) != 0;
-        s_due.forget_all();
-    }
+    if (answered && is_greeting(command))
+        s_firmware.greets = true;
+    if (answered && (tells_by_number || s_due.due(command) == 0))
+        learn_from_own_reply(request);
     if (!answered && tells_by_number && s_due.due(command) <= due)
         s_firmware.repeats_numbers = false; // it replied, perhaps with a number of its own
     return result;
