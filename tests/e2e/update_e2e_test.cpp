@@ -3,6 +3,7 @@
 #include "tests/e2e/scenario.h"
 #include "tests/e2e/update_fixture.h"
 
+#include <filesystem>
 #include <random>
 #include <utility>
 
@@ -90,6 +91,11 @@ std::vector<Unsafe> unsafe()
          .error = "Not a valid NV backup file",
          .disk = "mount -t tmpfs -o size=4k none /data && "},
         {.name = "WithoutRoom", .error = no_room, .package = "--size 1000000", .disk = small_disk},
+        {.name = "WithoutRoomForTheGoldenCopy",
+         .error = no_room,
+         .package = "--size 1000000",
+         .disk = small_disk,
+         .nv_data = {{"efs/nv/item_files/rfnv/00022960", std::string(20'000, 'x')}}},
         {.name = "WithoutRoomToUpdate",
          .error = no_room,
          .options = "-f -a -l",
@@ -222,8 +228,13 @@ TEST_P(UnsafeUpdate, IsRefused)
     for (const auto& [name, bytes] : row.nv_data)
         write_file("/modem/" + name, bytes);
     remember();
-    const Result r = run("unshare -rm sh -c '" + row.disk + update + row.options + "'");
+    const std::string kept = "/sdcard/kept/";
+    std::filesystem::create_directories(root() + kept);
+    const Result r = run("unshare -rm sh -c '" + row.disk + update + row.options + "; status=$?; cp /data/nv* " + kept +
+                         " 2>/dev/null; exit $status'");
     EXPECT_EQ(r.status, 1);
+    for (const auto& [name, bytes] : files_in(kept)) // all copies are whole
+        EXPECT_EQ(bytes, read_file(kept + "nvbackup.bin")) << name;
     EXPECT_THAT(r.errors().back(), MatchesRegex(row.error));
     expect_written({});
     const Texts asked = requests(); // where a backup took the modem offline, it does not stay so

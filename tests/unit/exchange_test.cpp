@@ -109,6 +109,7 @@ TEST_F(Exchange, TakesWhatCameWhileTheProcessWasStopped)
     const pid_t child = fork();
     if (child == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        (void)setpgid(0, 0); // of a group without a shell behind it, all are hung up when one is stopped
         OpenSerialPort(peer.path());
         _exit(SendPktAndWait(Bytes{0x12}, 0x13));
     }
