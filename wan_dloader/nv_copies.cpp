@@ -29,6 +29,8 @@ constexpr const char* golden_path = "/data/nvbackup_golden.bin";
 constexpr const char* fresh_golden_path = "/data/nvbackup_golden.bin.new"; // one that nobody has judged yet
 constexpr const char* parked_path = "/data/nvbackup_golden.bintmp";        // the golden copy while a new one is made
 
+bool s_kept_before = false; // the last backup of this run was worth less than the one before it
+
 // Backs the modem up to the file of this name. 0, or 1 with an ERROR when it cannot be made or written whole.
 int32_t backup_to(const std::string& port, const std::string& file_name)
 {
@@ -43,16 +45,13 @@ int32_t backup_to(const std::string& port, const std::string& file_name)
     return std::ranges::count(results, 0) == std::ssize(results) ? 0 : 1;
 }
 
-// Gives a new copy its name, in the place of one that has it, on the disk as well: what it replaces may be removed
-// next. False with an ERROR when that fails.
+// Gives a new copy its name, in the place of one that has it. False with an ERROR when that fails.
 bool put_in_place(const char* fresh, const char* name)
 {
-    if (rename(fresh, name) != 0) {
-        log_error("rename %s: %s", fresh, error_text(errno).c_str());
-        return false;
-    }
-    sync_data_folder();
-    return true;
+    if (rename(fresh, name) == 0)
+        return true;
+    log_error("rename %s: %s", fresh, error_text(errno).c_str());
+    return false;
 }
 
 // ---- the backup ----
@@ -92,6 +91,7 @@ bool keep_richer_backup()
     const std::string name = keep_backup();
     if (name.empty())
         return false;
+    s_kept_before = true;
     log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
                 before.text().c_str(), name.c_str());
     report_missing(fresh, before);
@@ -131,14 +131,21 @@ void warn_of_half_copy()
         log_warning("%s is not complete, make it anew with -f", golden_path);
 }
 
-// Whether the new golden copy may stay, and take the place of the parked one, if there is one; else an ERROR. A modem
-// that refuses, or has lost its NV data, gives a complete copy, too.
+// Whether what was backed up may become a golden copy; else an ERROR. What holds less than another does not: a modem
+// that has lost its NV data gives a complete backup, too.
+bool may_become_golden()
+{
+    if (nv_values_doubtful() == 0 && !s_kept_before)
+        return true;
+    log_error("The new golden copy is not kept");
+    return false;
+}
+
+// Whether the new golden copy may stay, and take the place of the parked one, if there is one; else an ERROR.
 bool is_worth_keeping(bool renewal)
 {
-    if (nv_values_doubtful() != 0) {
-        log_error("The new golden copy is not kept");
+    if (!may_become_golden())
         return false;
-    }
     if (!renewal)
         return true;
     const NvFileContents fresh = nv_file_contents(fresh_golden_path);
@@ -183,11 +190,13 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
 
 } // namespace
 
-void sync_data_folder()
+bool sync_data_folder()
 {
     const UniqueFd folder(open("/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fsync(folder.get()) != 0)
-        log_warning("fsync /data: %s", error_text(errno).c_str());
+    if (fsync(folder.get()) == 0)
+        return true;
+    log_warning("fsync /data: %s", error_text(errno).c_str());
+    return false;
 }
 
 int32_t BackupQCN(const std::string& port)
@@ -227,7 +236,7 @@ int32_t BackupGoldenQCN(const std::string& port)
             (void)move_golden(parked_path, golden_path);
         return 1;
     }
-    if (renewal && run_shell("rm %s", parked_path) != 0)
+    if (renewal && sync_data_folder() && run_shell("rm %s", parked_path) != 0)
         log_warning("Failed to remove %s", parked_path);
     return 0;
 }
@@ -276,11 +285,13 @@ int32_t EraseAndRestoreQCN(const std::string& port)
 
 int32_t MakeGoldenCopy()
 {
-    if (!undo_cut_renewal() || path_exists(golden_path)) {
+    if (!undo_cut_renewal())
+        return 1;
+    if (path_exists(golden_path)) {
         warn_of_half_copy();
         return 1;
     }
-    if (!is_worth_keeping(false))
+    if (!may_become_golden())
         return 1;
     (void)unlink(fresh_golden_path); // a longer one would keep its tail
     const int32_t result = CopyFile(fresh_golden_path, backup_path);

@@ -7,8 +7,9 @@
 #include <cstdint>
 #include <string>
 
-// Puts the names of the files in /data on the disk, too: copies may be all that is left soon. WARNING when that fails.
-void sync_data_folder();
+// Puts the names of the files in /data on the disk, too: copies may be all that is left soon. False with a WARNING when
+// that fails.
+bool sync_data_folder();
 
 // Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
 // are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
@@ -37,6 +38,6 @@ int32_t RemoveNVBackup();
 [[nodiscard]] int32_t EraseAndRestoreQCN(const std::string& port);
 
 // Makes the golden copy from the backup file where there is none yet. 1 when there is one, or there was a backup to
-// copy from, or the last backup may hold another's values (ERROR, and no copy is made); 0 with a WARNING when there was
-// none to copy from.
+// copy from, or the last backup may hold another's values or holds less than the one before (ERROR, and no copy is
+// made); 0 with a WARNING when there was none to copy from.
 [[nodiscard]] int32_t MakeGoldenCopy();

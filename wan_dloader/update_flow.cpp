@@ -153,7 +153,7 @@ EndOfRun prepare_flash()
     (void)MakeGoldenCopy(); // a second copy is welcome, not required
     if (copies_linux_images && !has_room_for_linux_images())
         return leave_modem_as_it_was();
-    sync_data_folder();
+    (void)sync_data_folder();
     if (EraseAllPartitions(s_diag_port) != 0)
         return status_failed;
     set_emergency_download_mode(1); // what is left is the boot ROM

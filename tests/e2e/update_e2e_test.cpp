@@ -220,6 +220,19 @@ TEST_F(FirmwareUpdate, MakesNoGoldenCopyOfADoubtfulBackup)
     EXPECT_THAT(data(), IsEmpty());
 }
 
+// The modem has lost an item since the last backup.
+TEST_F(FirmwareUpdate, MakesNoGoldenCopyOfALesserBackup)
+{
+    modem("normal --revision RIDGE_01_05_0E --apps VA1");
+    package(newer + without_nv_files);
+    write_file("/data/nvbackup.bin",
+               backup_file({{nv_items, {nv_record(34, "\1")}}, {nv_item_files, {}}, {efs_files, {}}}));
+    const Result r = run(update + "-E");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(r.errors(), ::testing::Contains("The new golden copy is not kept"));
+    EXPECT_THAT(data(), ElementsAre("nvbackup.bin.old"));
+}
+
 TEST_P(UnsafeUpdate, IsRefused)
 {
     const Unsafe& row = GetParam();
