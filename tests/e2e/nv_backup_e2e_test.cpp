@@ -386,8 +386,11 @@ TEST_F(SmallModem, NoCopyIsLostForADoubtfulOne)
     const std::string doubled = "E 1 EFS2 replies belong to no request: what came before may be another file's",
                       holds = "2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes)";
     const Texts not_kept = {doubled, "E The new golden copy is not kept"};
+    // Where it comes before the next request is out, it is passed over; else all answers from there on are the next's.
+    const Texts shifted = {"W Skip /nv/item_files/mcs/tcxomgr/field_cal_version", doubled,
+                           "E 1 of 189 NV item files could not be read: refused or cut by the modem", not_kept.back()};
     write_file(backup, saved);
-    EXPECT_EQ(complaints_of(take_turn(queue("-ng"))), not_kept);
+    EXPECT_THAT(complaints_of(take_turn(queue("-ng"))), ::testing::AnyOf(not_kept, shifted));
     EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
     write_file(golden, saved);
     EXPECT_EQ(complaints_of(take_turn(queue("-fng"))), not_kept);
