@@ -31,7 +31,8 @@ void efs2_forget_firmware();
 // Counts the reply to the last request as one, for it tells that it is about something else. Main thread.
 void efs2_count_stray();
 
-// Waits until those have come that are on the way: the modem is asked as before a request. False when it does not
-// answer that, although it has answered a hello or query before; the exchange logs it. Nothing is done when it did not
-// answer the last request, unless that was a close. Main thread.
+// Waits until those have come that are on the way: the modem is asked as before a request, but the process goes on
+// where the port is gone. False when it does not answer that, although it has answered a hello or query before; the
+// exchange logs it. A WARNING when it never has. Nothing is done when it did not answer the last request, unless that
+// was a close. Main thread.
 [[nodiscard]] bool efs2_await_strays();

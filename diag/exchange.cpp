@@ -97,6 +97,7 @@ struct Side {
     uint8_t*& response; // into `storage`, null before the first response
     uint32_t& response_length;
     const int32_t& exit_on_timeout;
+    const bool& ends_unsent; // a request that cannot be sent ends the process
     const int32_t& verbose;
     std::array<uint8_t, pktio_buffer_size>& storage;
     const std::atomic<RspObserver>& observer;
@@ -109,6 +110,7 @@ const uint8_t* s_expected_rsp_code = nullptr;
 uint32_t s_requests = 0;
 RspFilter sf_rsp_callback = nullptr;
 ResponseBuffer* s_response_buf = nullptr;
+const bool s_ends_unsent = true;
 std::atomic<RspObserver> s_no_observer = nullptr;
 std::array<uint8_t, pktio_buffer_size> s_response_bytes;
 
@@ -119,6 +121,7 @@ const uint8_t* sExpectedRspCode = nullptr;
 uint32_t sRequests = 0;
 RspFilter sRspCallback = nullptr;
 ResponseBuffer* sNoCopy = nullptr; // this side hands its responses over in sResponseBuf alone
+bool sEndsUnsent = true;
 std::atomic<RspObserver> sRspObserver = nullptr;
 int32_t sVerbose = 0;
 std::array<uint8_t, pktio_buffer_size> sResponseBytes;
@@ -148,6 +151,7 @@ constexpr Side crashdump_side = {
     .response = sp_decoded_pkt_buf,
     .response_length = s_response_len,
     .exit_on_timeout = s_exit_on_timeout,
+    .ends_unsent = s_ends_unsent,
     .verbose = s_verbose,
     .storage = s_response_bytes,
     .observer = s_no_observer,
@@ -164,6 +168,7 @@ constexpr Side update_side = {
     .response = sResponseBuf,
     .response_length = sResponseLen,
     .exit_on_timeout = ExitOnTimeout,
+    .ends_unsent = sEndsUnsent,
     .verbose = sVerbose,
     .storage = sResponseBytes,
     .observer = sRspObserver,
@@ -173,12 +178,15 @@ constexpr Side update_side = {
 
 enum class Form { plain, filtered };
 
-void send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
+// False with an ERROR when that fails and the process goes on.
+bool send_or_end(const Side& side, Form form, std::span<const uint8_t> request)
 {
     if (pktio_send_packet(request) == 0)
-        return;
+        return true;
     log_error("Error in pktio_send_packet()");
-    end_process(form == Form::plain ? side.rules.plain_send_failed : side.rules.filtered_send_failed);
+    if (side.ends_unsent)
+        end_process(form == Form::plain ? side.rules.plain_send_failed : side.rules.filtered_send_failed);
+    return false;
 }
 
 // Not the time of day: a tablet that learns it from the network sets its clock while requests are out.
@@ -197,9 +205,12 @@ bool await_response(const Side& side, std::unique_lock<std::mutex>& lock, Clock:
     return now >= deadline + overslept && side.cond.wait_until(lock, now + more, has_come);
 }
 
-int32_t timed_out(const Side& side, Form form)
+// What comes of a request without a response.
+int32_t unanswered(const Side& side, Form form, bool sent)
 {
     ++s_unanswered_requests;
+    if (!sent)
+        return exchange_no_response;
     log_error("Timeout!");
     if (side.exit_on_timeout == 0)
         return exchange_no_response;
@@ -221,15 +232,15 @@ int32_t exchange(const Side& side, Form form, std::span<const uint8_t> request, 
         side.expected_code = &expected_code;
         ++side.requests;
     }
-    send_or_end(side, form, request);
+    const bool sent = send_or_end(side, form, request);
     if (form == Form::plain && side.rules.plain_clock_after_send)
         deadline = Clock::now() + response_time;
 
     std::unique_lock lock(side.mutex);
-    const bool accepted = await_response(side, lock, deadline);
+    const bool accepted = sent && await_response(side, lock, deadline);
     side.expected_code = nullptr;
     lock.unlock();
-    return accepted ? exchange_accepted : timed_out(side, form);
+    return accepted ? exchange_accepted : unanswered(side, form, sent);
 }
 
 // Puts a filter and a place for the response into the side for the time of one exchange.
@@ -414,6 +425,16 @@ void SetRspCallback(RspFilter filter)
 {
     const std::lock_guard lock(RwMutex);
     sRspCallback = filter;
+}
+
+KeepsRunningUnsent::KeepsRunningUnsent()
+{
+    sEndsUnsent = false;
+}
+
+KeepsRunningUnsent::~KeepsRunningUnsent()
+{
+    sEndsUnsent = true;
 }
 
 void SetRspObserver(RspObserver observer)

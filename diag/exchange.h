@@ -84,9 +84,19 @@ void SetRspCallback(RspFilter filter);
 // Installs the observer of this side's packets, also of those that come while nothing is outstanding. Any thread.
 void SetRspObserver(RspObserver observer);
 
+// While one lives, a request of this side that cannot be sent does not end the process: it is logged, and got no
+// response. For a question without whose answer the work is done all the same. Main thread.
+class KeepsRunningUnsent {
+public:
+    KeepsRunningUnsent();
+    ~KeepsRunningUnsent();
+    KeepsRunningUnsent(const KeepsRunningUnsent&) = delete;
+    KeepsRunningUnsent& operator=(const KeepsRunningUnsent&) = delete;
+};
+
 // Sends `request` and waits for a response whose first byte is `expected_code`, or that the installed filter takes.
 // Returns exchange_accepted, exchange_timed_out or exchange_no_response; ERROR "Timeout!" with the latter two. A failed
-// send ends the process with 69. Main thread.
+// send ends the process with 69, unless a KeepsRunningUnsent lives. Main thread.
 [[nodiscard]] int32_t SendPktAndWait(std::span<const uint8_t> request, uint8_t expected_code);
 
 // The same with `filter` as the judge; it is the installed one during the exchange and none is afterwards. Main thread.

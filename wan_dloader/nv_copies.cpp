@@ -79,14 +79,14 @@ std::string keep_backup()
     return name;
 }
 
-// Keeps the backup that is there when a new one holds less, or may hold something else: a modem that has lost its NV
-// data gives a complete backup, too, and this may be the last one that is worth something. False with an ERROR when
-// that fails.
+// Keeps the backup that is there when a new one holds less, or may hold something else, or nobody can tell what the one
+// that is there holds: a modem that has lost its NV data gives a complete backup, too, and this may be the last one
+// that is worth something. False with an ERROR when that fails.
 bool keep_richer_backup()
 {
     const NvFileContents fresh = nv_file_contents(fresh_path);
     const NvFileContents before = nv_file_contents(backup_path);
-    if (!fresh.holds_less_than(before) && nv_values_doubtful() == 0)
+    if (!fresh.holds_less_than(before) && !before.unreadable && nv_values_doubtful() == 0)
         return true;
     const std::string name = keep_backup();
     if (name.empty())
@@ -183,8 +183,10 @@ int32_t CopyFile(const std::string& destination, const std::string& source)
     const ssize_t sent = sendfile(to.get(), from.get(), &offset, static_cast<size_t>(status.st_size));
     if (sent != status.st_size)
         log_warning("sendfile returned %d (%s)", static_cast<int>(sent), error_text(sent < 0 ? errno : ENOSPC).c_str());
-    if (fsync(to.get()) != 0) // the modem may be erased next
+    if (fsync(to.get()) != 0) {
         log_warning("fsync: %s", error_text(errno).c_str());
+        (void)unlink(destination.c_str()); // the modem may be erased next, and it must not count as a copy
+    }
     return 1;
 }
 

@@ -163,8 +163,10 @@ NvFileContents nv_file_contents(const std::string& path)
     if (!file)
         return contents;
     const NvFileHeader header = read_nv_file_header(file.get());
-    if (!header.is_valid())
+    if (!header.is_valid()) {
+        contents.unreadable = nv_file_size(file.get()) > 0;
         return contents;
+    }
     bool whole = header.chunks == std::size(chunk_order);
     for (uint32_t i = 0; i < header.chunks; ++i) {
         const NvChunkHeader chunk = read_nv_chunk_header(file.get());
@@ -178,6 +180,7 @@ NvFileContents nv_file_contents(const std::string& path)
         }
     }
     std::ranges::sort(contents.names);
+    contents.unreadable = ferror(file.get()) != 0;
     contents.whole = whole && ftello(file.get()) == nv_file_size(file.get());
     return contents;
 }

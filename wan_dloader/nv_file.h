@@ -69,6 +69,8 @@ struct NvFileContents {
     uint64_t item_files, item_file_bytes; // of data
     uint64_t efs_files, efs_file_bytes;
     std::vector<std::string> names = {}; // of all files, and of the items that are not zero; sorted
+    bool unreadable =
+        false; // there are bytes, but they are not a backup's or cannot be read: it may have held anything
 
     // Whether `other` has more of anything, or anything that is not here.
     [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
@@ -79,7 +81,7 @@ struct NvFileContents {
     [[nodiscard]] std::string text() const;
 };
 
-// Reads the backup file `path`, record by record. All zero when it is none. Any thread.
+// Reads the backup file `path`, record by record. No numbers when it is none. Any thread.
 [[nodiscard]] NvFileContents nv_file_contents(const std::string& path);
 
 // How many items stand in `chunk`, one of NV items, the file's position being right behind its header, where it stays.

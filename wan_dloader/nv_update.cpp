@@ -341,13 +341,16 @@ int32_t show_nv_file(const std::string& path)
     }
 }
 
-// Runs `work` with `port` open. Its result, or 1 when the port does not appear.
+// Runs `work` with `port` open. Its result, or 1 when the port does not appear. Answers that may be another file's are
+// told of.
 template <typename Work>
 int32_t with_port(const std::string& port, Work work)
 {
     if (!open_diag_port(port))
         return 1;
+    const uint32_t strays = efs2_stray_replies();
     const int32_t result = work();
+    (void)stray_replies_since(strays); // is in the log
     CloseSerialPort();
     return result;
 }
@@ -357,10 +360,7 @@ int32_t apply_files(std::span<const std::string> files)
 {
     log_info("Set OFFLINE mode");
     request_modem_mode(ModemMode::offline);
-    const uint32_t strays = efs2_stray_replies();
-    const bool applied = std::ranges::all_of(files, [](const auto& file) { return update_nv_file(file) == 0; });
-    (void)stray_replies_since(strays); // is in the log
-    return applied ? 0 : 1;
+    return std::ranges::all_of(files, [](const auto& file) { return update_nv_file(file) == 0; }) ? 0 : 1;
 }
 
 } // namespace

@@ -321,6 +321,15 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
           "W Not in the new one: NV item 5"},
          true,
          false},
+        {"-nb",
+         "true",
+         {{stored, "x" + more}},
+         {{stored, fresh}, {kept, "x" + more}},
+         {"W The new backup " + holds_fresh +
+          "the one before, with 0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes), is kept as "
+          "/data/nvbackup.bin.old"},
+         true,
+         false},
         {"-nb", "true", {{stored, less}, {kept, more}}, {{stored, fresh}, {kept, more}}, {}, true, false},
         {"-nb", "mount -o remount,size=4k /data", {{stored, more}}, {{stored, more}}, no_room_beside, true, false},
         {"-fng", "mount -o remount,size=4k /data", {{name, old}}, {{name, old}}, no_room(fresh_golden), true, false},

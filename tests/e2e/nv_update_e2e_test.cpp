@@ -30,6 +30,9 @@ protected:
     }
 };
 
+const std::string unaware =
+    "W The modem answers neither query nor hello: an answer that is still on the way goes unnoticed";
+
 const std::string wan_dloader_usage = R"(
 wan_dloader version: 7.1
 
@@ -157,6 +160,24 @@ TEST_F(NvUpdate, TellsOfAnAnswerTooMuch)
     EXPECT_EQ(r.status, 0);
     EXPECT_THAT(complaints_of(r),
                 ElementsAre("E 1 EFS2 replies belong to no request: what came before may be another file's"));
+}
+
+// The question whether an answer is still on the way ends no run whose work is done.
+TEST_F(NvUpdate, GoesOnWithoutThePort)
+{
+    modem("normal --fault unplug@4");
+    write_file("/data/update.txt", "DEL EFS FILE=/absent\n");
+    const auto r = run("tessel wan_dloader -nU/data/update.txt");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(complaints_of(r), ::testing::IsSupersetOf({"E Error in pktio_send_packet()"s, unaware}));
+}
+
+TEST_F(NvUpdate, GoesOnWithoutTheLastAnswer)
+{
+    modem("normal --fault drop@2+");
+    const auto r = run("tessel wan_dloader -nD/absent");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(complaints_of(r), ElementsAre("E Timeout!", "E Timeout!", unaware));
 }
 
 TEST_F(NvUpdate, NeedsAFile)

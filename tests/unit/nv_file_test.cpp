@@ -178,6 +178,7 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         std::ofstream(name, std::ios::binary) << row.bytes;
         EXPECT_EQ(nv_file_contents(name).text(), row.contents);
         EXPECT_EQ(nv_file_contents(name).whole, row.whole) << row.contents;
+        EXPECT_EQ(nv_file_contents(name).unreadable, row.bytes.front() == 'x') << row.contents;
     }
     std::ofstream(name, std::ios::binary) << all;
     EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "NV item 1"));
