@@ -191,21 +191,25 @@ TEST_F(FirmwareUpdate, ErasesAnOldLayoutAndPutsTheNvDataBack)
 }
 
 // An answer to an item is lost, both when it is read, which is tried again, and when it is written. What cannot be
-// erased or removed stops nothing.
+// erased or removed stops nothing, and a golden copy that was left parked is no reason for another.
 TEST_F(FirmwareUpdate, KeepsTheBackupOfWhatTheModemDidNotTake)
 {
+    const std::string parked = backup_file({{nv_items, {nv_record(34, "\1")}}, {nv_item_files, {}}, {efs_files, {}}});
+    write_file("/data/nvbackup_golden.bintmp", parked);
     const std::string not_erased = "W Failed to erase partition EFS2";
     modem("normal --revision RIDGE_01_05_0E --apps VA1 --fault diag/drop@4 --fail fastboot:EFS2", full_modem(root()));
     package(newer + without_nv_files);
     run_through("-E", all_verified + all_written,
                 Texts{"W Modem firmware version (RIDGE_01_05_0E) is older than 01_05_0F",
-                      "W    Need to erase all partitions!!!", "E Timeout!", "W NV item (0): no answer", not_erased,
-                      not_erased, "E Timeout!", "W NV item (5): no answer", "E 1 NV items were not restored",
+                      "W    Need to erase all partitions!!!", "E Timeout!", "W NV item (0): no answer",
+                      "W Putting back the golden copy of a renewal that was cut short", not_erased, not_erased,
+                      "E Timeout!", "W NV item (5): no answer", "E 1 NV items were not restored",
                       "E Not all NV data were restored: the backup is kept as /data/nvbackup.bin.old",
                       "W Failed to remove /data/nvbackup.bin"} +
                     no_nv_files,
                 no_rm);
     EXPECT_THAT(data(), ElementsAre("nvbackup.bin", "nvbackup.bin.old", "nvbackup_golden.bin", "tmp.bin"));
+    EXPECT_EQ(read_file("/data/nvbackup_golden.bin"), parked);
 }
 
 // The user erases all the same, but the backup, in which a file may be another's, is no golden copy.
@@ -284,6 +288,7 @@ TEST_F(FirmwareUpdate, WritesTheLinuxSideAloneAndUpdatesNvData)
     efs["own"] = "AB";
     efs["nv/item_files/all"] = "C";
     expect_written(linux_side);
+    EXPECT_THAT(requests(), ::testing::Contains("3: 29 00 00"));
 }
 
 // The modem refuses the first table. Under the second its Linux side is gone: it starts in fastboot mode by itself.
