@@ -89,9 +89,11 @@ void SetRspObserver(RspObserver observer);
 class KeepsRunningUnsent {
 public:
     KeepsRunningUnsent();
-    ~KeepsRunningUnsent();
     KeepsRunningUnsent(const KeepsRunningUnsent&) = delete;
+    KeepsRunningUnsent(KeepsRunningUnsent&&) = delete;
     KeepsRunningUnsent& operator=(const KeepsRunningUnsent&) = delete;
+    KeepsRunningUnsent& operator=(KeepsRunningUnsent&&) = delete;
+    ~KeepsRunningUnsent();
 };
 
 // Sends `request` and waits for a response whose first byte is `expected_code`, or that the installed filter takes.
