@@ -127,10 +127,13 @@ void take_path(NvUpdate& update, std::string_view header, std::string_view keywo
         log_warning("UpdateNV: no \",\" behind a path, taken as %s", printable(update.path).c_str());
 }
 
-// Reads the data of a file record. False when there are none to write; a WARNING when they are not `size` bytes.
+// Reads the data of a file record. False when there are none to write; a WARNING then, and when they are not `size`
+// bytes.
 bool read_file_data(NvUpdate& update, int32_t size)
 {
     const int32_t count = read_data(update, update.buffer);
+    if (count == 0)
+        log_warning("UpdateNV: no data for %s, not written", printable(update.path).c_str());
     if (count > 0 && count != size)
         log_warning("UpdateNV: %d bytes of data for %d bytes of %s", count, size, printable(update.path).c_str());
     return count > 0;

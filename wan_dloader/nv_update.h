@@ -13,7 +13,7 @@
 // end at the first character that is neither, or before a lone digit. A record's data end with the file, or at a line
 // that holds a "=", which is the next header, also if it is a comment. SIZE is what is written of a file; nothing is
 // when there are no data lines. A header without a "," names the path of the file record before it, and a WARNING says
-// which. A WARNING, too, are data of another length than SIZE, and an item without data.
+// which. A WARNING, too, are data of another length than SIZE, and a record without data.
 //
 // The service programming code is not sent, so that the modem refuses items that it protects by it (WARNING).
 //

@@ -295,6 +295,11 @@ int32_t wan_dloader_main(int32_t argc, char** argv, const Applet* /*row*/)
         if (const auto status = take_option(option, optarg, argv[0]))
             return *status;
     }
+    if (optind < argc) { // an option that lost its dash would make it another update than the one that was meant
+        log_error("Unexpected argument: %s", printable(argv[optind]).c_str());
+        usage(argv[0]);
+        return exit_usage;
+    }
     show_version(argv[0]);
     return run_update();
 }
