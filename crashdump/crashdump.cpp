@@ -243,7 +243,7 @@ std::string without_controls(std::string name)
 [[nodiscard]] bool write_list(std::span<const MemoryRegion> regions)
 {
     const std::string path = s_crashdump_path + list_name;
-    UniqueFile file = open_file(path, "w+");
+    UniqueFile file = make_file(path);
     if (file == nullptr) {
         log_error("Failed to create the dump list file: %s", path.c_str());
         return false;
@@ -275,7 +275,7 @@ enum class Saved { yes, no, cannot_create };
     }
     const std::string path = s_crashdump_path + name;
     log_info("%s", path.c_str());
-    UniqueFile file = open_file(path, "w+");
+    UniqueFile file = make_file(path);
     if (file == nullptr) {
         log_error("Failed to create the dump file: %s", path.c_str());
         return Saved::cannot_create;

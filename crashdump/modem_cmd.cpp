@@ -149,10 +149,10 @@ std::optional<std::string> in_current_directory(std::string_view name)
     return std::string(directory.data()).append("/").append(name);
 }
 
-// A folder opens for reading, too, and is none of the files meant here.
-UniqueFile open_or_log(const std::string& path, const char* mode)
+// `file`, opened from `path`; none, with an ERROR, where that failed. A folder opens for reading, too, and is none of the
+// files meant here.
+UniqueFile opened_or_log(UniqueFile file, const std::string& path)
 {
-    UniqueFile file = open_file(path, mode);
     struct stat file_status {};
     if (file != nullptr && fstat(fileno(file.get()), &file_status) == 0 && S_ISDIR(file_status.st_mode))
         file.reset();
@@ -318,7 +318,7 @@ void run_modem_cmd(const std::string& name)
     if (!path)
         return;
     (void)puts(path->c_str());
-    const UniqueFile file = open_or_log(*path, "r");
+    const UniqueFile file = opened_or_log(open_file(*path, "r"), *path);
     if (file == nullptr)
         return;
 
@@ -344,7 +344,7 @@ void pull_modem_file(const std::string& path)
     if (!local)
         return;
     (void)puts(local->c_str());
-    UniqueFile file = open_or_log(*local, "w");
+    UniqueFile file = opened_or_log(make_file(*local), *local);
     if (file == nullptr)
         return;
 
@@ -370,7 +370,7 @@ void push_file2modem(const std::string& paths)
     if (!source)
         return;
     (void)printf("src: %s\n", source->c_str());
-    const UniqueFile file = open_or_log(*source, "r");
+    const UniqueFile file = opened_or_log(open_file(*source, "r"), *source);
     if (file == nullptr)
         return;
 

@@ -168,6 +168,7 @@ TEST_F(Crashdump, FilesInTheWay)
     } rows[] = {
         {"yes | head -c 9000 > B", {}, {"A", "B", "C"}},
         {"mkdir B", {"Failed to create the dump file: " + folder + "B"}, {"A"}},
+        {"mkfifo B", {"Failed to create the dump file: " + folder + "B"}, {"A"}},
         {"mkdir crashdump.lst", {"Failed to create the dump list file: " + list}, {}},
         {"ln -s /dev/full A", {"Failed to write " + folder + "A: No space left on device"}, {"B", "C"}},
         {"ln -s /dev/full crashdump.lst", {"Failed to write " + list + ": No space left on device"}, {}},

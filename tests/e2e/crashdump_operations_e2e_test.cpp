@@ -162,6 +162,8 @@ const Operation operations[] = {
      {"E Failed to open /data"}, {}, ""},
     {"PullToAFullDisk", "normal", "ln -s /dev/full version; c -t PULL:/etc/version", 0, "/data/version\nNone\n",
      {"E Failed to write the pulled file: No space left on device"}, {get_file, "6: 4B 00 51 00 0A 01"}, ""},
+    {"PullToAPipe", "normal", "mkfifo version; c -t PULL:/etc/version", 0, "/data/version\n",
+     {"E Failed to open /data/version"}, {}, ""},
     {"ServiceRefused", "normal --fault error@1 --fault error@2 --fault error@3",
      "echo ls > a; c -t RUN:a; c -t PULL:/etc/version; c -t DMESG", 0,
      "/data/a\nRUN: ls\nInvalid Command Response\n13 4B 00 51 ......, len=9\n"
