@@ -209,10 +209,14 @@ int32_t BackupQCN(const std::string& port)
     if (!path_exists(backup_path))
         return backup_to(port, backup_path);
     // The one that is there may be the only one: it stays until the new one is on the disk.
-    if (backup_to(port, fresh_path) == 0 && keep_richer_backup() && put_in_place(fresh_path, backup_path))
+    const bool is_made = backup_to(port, fresh_path) == 0;
+    if (is_made && keep_richer_backup() && put_in_place(fresh_path, backup_path))
         return 0;
     log_error("No new backup: %s is the one from before", backup_path);
-    (void)unlink(fresh_path);
+    if (is_made)
+        log_warning("The new one is %s", fresh_path);
+    else
+        (void)unlink(fresh_path);
     return 1;
 }
 

@@ -14,7 +14,8 @@ bool sync_data_folder();
 // Backs up to /data/nvbackup.bin. 0, or 1 when the port does not appear within 30 s. Single items that cannot be read
 // are left out (WARNING); a backup file that cannot be written is an ERROR, and 1. A backup that is there stays until
 // the new one is on the disk (/data/nvbackup.bin.new until then), and when the new one holds less, or perhaps another's
-// values, or the old one cannot be read, as /data/nvbackup.bin.old, or .old1 to .old9, the first name that is free.
+// values, or the old one cannot be read, as /data/nvbackup.bin.old, or .old1 to .old9, the first name that is free. One
+// that is made, but cannot take the old one's place, stays as /data/nvbackup.bin.new (ERROR, WARNING, and 1).
 [[nodiscard]] int32_t BackupQCN(const std::string& port);
 
 // The same to /data/nvbackup_golden.bin, unless that exists: then 0, with a WARNING when it is not complete. With

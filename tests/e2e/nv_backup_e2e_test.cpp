@@ -476,7 +476,9 @@ TEST_F(SmallModem, BackupIsAFile)
     fs::create_directory(root() + backup);
     EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
                 ElementsAre("E rename /data/nvbackup.bin.new: Is a directory",
-                            "E No new backup: /data/nvbackup.bin is the one from before"));
+                            "E No new backup: /data/nvbackup.bin is the one from before",
+                            "W The new one is /data/nvbackup.bin.new"));
+    EXPECT_EQ(read_file("/data/nvbackup.bin.new"), saved);
     fs::remove(root() + backup);
     ASSERT_EQ(run_shell("mkfifo %s%s", root().c_str(), backup), 0);
     const std::string no_file = "E fopen /data/nvbackup.bin: Invalid argument";
