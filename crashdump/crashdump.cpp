@@ -6,7 +6,8 @@
 //   -p DIR   base directory, default /sdcard, at most 127 characters
 //   -D PORT  DIAG port, default /dev/ttyUSB0, cut at 127 characters
 //   -t N     0 DLOAD mode, 1 offline, 2 fatal error, 3 crash, 4 reboot, 5 fastboot, 6 second DIAG mode
-//   -t WORD  DIAG:bytes, DMESG, RUN:file, PULL:path, PUSH:source,destination, SKU; by prefix, in any case
+//   -t WORD  DIAG:bytes, DMESG, RUN:file, PULL:path, PUSH:source,destination, SKU; in any case, and what is behind a
+//            word that takes no argument does not count
 //   -n, -N   read, write one NV item
 //   -d -v -o debug texts, traffic, log lines on standard output
 //
@@ -151,7 +152,7 @@ void reset_state()
             return true;
         }
     }
-    log_error("Invalid command: %s\n", text);
+    log_error("Invalid command: %s\n", printable(text).c_str());
     return false;
 }
 
@@ -185,7 +186,7 @@ std::optional<int32_t> take_option(int option, const char* text, const char* nam
         choose_nv_read(text);
         return std::nullopt;
     case 'N':
-        log_info("NV string: %s", text);
+        log_info("NV string: %s", printable(text).c_str());
         s_nv_mode = NvMode::write;
         return nv_parse(s_nv_packet, text) > 0 ? std::nullopt : std::optional(status_usage);
     case 'd':
@@ -223,7 +224,7 @@ std::optional<int32_t> take_options(int32_t argc, char** argv)
 
 bool write_failed(const std::string& path)
 {
-    log_error("Failed to write %s: %s", path.c_str(), error_text(errno).c_str());
+    log_error("Failed to write %s: %s", printable(path).c_str(), error_text(errno).c_str());
     return false;
 }
 
@@ -245,7 +246,7 @@ std::string without_controls(std::string name)
     const std::string path = s_crashdump_path + list_name;
     UniqueFile file = make_file(path);
     if (file == nullptr) {
-        log_error("Failed to create the dump list file: %s", path.c_str());
+        log_error("Failed to create the dump list file: %s", printable(path).c_str());
         return false;
     }
     (void)fprintf(file.get(), "File name:  base address, size\n");
@@ -274,10 +275,10 @@ enum class Saved { yes, no, cannot_create };
         return Saved::no;
     }
     const std::string path = s_crashdump_path + name;
-    log_info("%s", path.c_str());
+    log_info("%s", printable(path).c_str());
     UniqueFile file = make_file(path);
     if (file == nullptr) {
-        log_error("Failed to create the dump file: %s", path.c_str());
+        log_error("Failed to create the dump file: %s", printable(path).c_str());
         return Saved::cannot_create;
     }
     (void)setvbuf(file.get(), nullptr, _IONBF, 0); // a full disk shows at the chunk that no longer fits
@@ -360,13 +361,16 @@ void forget_what_is_on_the_line()
 
 // ---- the other operations ----
 
-// Sends the request of test mode `mode`; numbers without one send nothing. What the reply says is not looked at.
+// Sends the request of test mode `mode`; numbers without one send nothing (WARNING). What the reply says is not looked
+// at.
 int32_t test_invoke_crash(int32_t mode)
 {
     if (mode >= 0 && static_cast<size_t>(mode) < std::size(test_modes)) {
         const TestMode& test = test_modes[mode];
         log_info("%s", test.message);
         (void)send_pkt_with_rsp(std::span(test.request).first(test.length), test.request.front());
+    } else {
+        log_warning("No such test mode: %d", mode);
     }
     return 1;
 }
@@ -418,11 +422,11 @@ int32_t crashdump_main(int32_t argc, char** argv, const Applet* /*row*/)
         (void)run_shell("mkdir -p %s",
                         shell_quote_path(s_crashdump_path).c_str()); // its failure shows when a file is made
     if (stat(s_port.c_str(), &file_status) != 0) {
-        log_error("port: %s isn't found.", s_port.c_str());
+        log_error("port: %s isn't found.", printable(s_port).c_str());
         return status_no_port;
     }
 
-    log_info("Opening port: %s", s_port.c_str());
+    log_info("Opening port: %s", printable(s_port).c_str());
     (void)open_serial_port(s_port.c_str()); // ends the process where it fails
     const int32_t result = dispatch();
     close_serial_port();

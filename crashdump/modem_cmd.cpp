@@ -149,15 +149,15 @@ std::optional<std::string> in_current_directory(std::string_view name)
     return std::string(directory.data()).append("/").append(name);
 }
 
-// `file`, opened from `path`; none, with an ERROR, where that failed. A folder opens for reading, too, and is none of the
-// files meant here.
+// `file`, opened from `path`; none, with an ERROR, where that failed. A folder opens for reading, too, and is none of
+// the files meant here.
 UniqueFile opened_or_log(UniqueFile file, const std::string& path)
 {
     struct stat file_status {};
     if (file != nullptr && fstat(fileno(file.get()), &file_status) == 0 && S_ISDIR(file_status.st_mode))
         file.reset();
     if (file == nullptr)
-        log_error("Failed to open %s", path.c_str());
+        log_error("Failed to open %s", printable(path).c_str());
     return file;
 }
 

@@ -60,6 +60,8 @@ const Operation operations[] = {
     {"NoPort", "absent", "c -d", 32, "", {"E port: /dev/ttyUSB0 isn't found."}, {}, ""},
     {"OverlongPort", "absent", "c -n 5 -D " + longest_port + "X", 32, "",
      {"E port: " + longest_port + " isn't found."}, {}, ""},
+    {"PortThatWouldForgeARecord", "absent", "c -o -n 5 -D \"$(printf 'x\\nINFO:#y')\"", 32,
+     "DEBUG:#stdout ON#\nERROR:#port: x INFO:#y isn't found.#\n", {"D stdout ON", "E port: x INFO:#y isn't found."}, {}, ""},
     {"PortThatDoesNotOpen", "absent", "c -t 9 -D /data", 32, "",
      {"I Opening port: /data", "E pktio.c:271 open:device=/data,errno=21:cant open device", "E can't start pktio"},
      {}, ""},
@@ -80,7 +82,8 @@ const Operation operations[] = {
     {"Reboot", "normal", "c -t 4", 0, "", {"I Invoke reboot..."}, {"3: 29 02 00"}, "state gone\nstate normal"},
     {"Fastboot", "normal", "c -t 5", 0, "", {"I fastboot..."}, {"4: 4B 00 50 00"}, "state gone\nstate fastboot"},
     {"DiagMode2", "normal", "c -t 6", 0, "", {"I Turn on DIAG mode 2"}, {"5: 4B 00 31 00 02"}, ""},
-    {"NoSuchMode", "normal", "c -t 7; c -t 9 -n 5; c -t 99999999999", 0, "", {}, {}, ""},
+    {"NoSuchMode", "normal", "c -t 7; c -t 9 -n 5; c -t 99999999999", 0, "",
+     {"W No such test mode: 7", "W No such test mode: 9", "W No such test mode: 2147483647"}, {}, ""},
 
     // Without an answer, the plain form ends the run; the others tell.
     {"ModeUnanswered", "normal --fault drop@1", "c -t 6", 34, "", {"I Turn on DIAG mode 2", timed_out},
