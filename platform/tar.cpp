@@ -226,7 +226,7 @@ int32_t tar_init(const std::string& path)
     tar_deinit();
     s_tarfd = open_regular_file(path);
     if (!s_tarfd) {
-        log_error("Failed to open tar file %s", path.c_str());
+        log_error("Failed to open tar file %s", printable(path).c_str());
         return -1;
     }
     if (tar_get_files() < 0) {
@@ -252,8 +252,12 @@ int32_t tar_get_files()
     s_filelist = {};
     size_t count = 0;
     const int32_t result = walk_headers([&](int64_t data, int64_t size) {
+        const std::string name = name_of(s_tarbuf);
+        const auto has_name = [&](const auto& member) { return member && member->name == name; };
+        if (std::ranges::any_of(s_filelist, has_name))
+            log_warning("%s is in tar file more than once, the first one counts", printable(name).c_str());
         if (count < s_filelist.size())
-            s_filelist[count++] = TarMember{name_of(s_tarbuf), data, size};
+            s_filelist[count++] = TarMember{name, data, size};
     });
     // The zeros behind the last member have no name.
     if (const std::string last = path_of(s_tarbuf); result == 0 && size_of(s_tarbuf) == 0 && !last.empty())

@@ -19,7 +19,7 @@
 void tar_deinit();
 
 // Lists the members of the open archive anew: the first 20, more are skipped. A member of size 0 that ends the list is
-// a WARNING. 0, or -1.
+// a WARNING, and so is one that has the name of another. 0, or -1.
 [[nodiscard]] int32_t tar_get_files();
 
 // Number of members listed. -1 when there is no list, or when it is full, as there may be more.

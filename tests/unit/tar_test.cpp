@@ -111,6 +111,16 @@ TEST_F(Tar, ListsWhatWritersMake)
     }
 }
 
+// As an archive is to which a newer file was appended.
+TEST_F(Tar, OfTwoMembersTheFirstCounts)
+{
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(init(member("a", "old") + member("x/a", "new") + end), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "radio W RIL_TESSEL: a is in tar file more than once, the first one counts\n");
+    EXPECT_EQ(extracted("a"), "old");
+}
+
 // Its data stand packed in the archive, and would be flashed so.
 TEST_F(Tar, SparseFilesAreRefused)
 {
