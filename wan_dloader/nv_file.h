@@ -69,8 +69,7 @@ struct NvFileContents {
     uint64_t item_files, item_file_bytes; // of data
     uint64_t efs_files, efs_file_bytes;
     std::vector<std::string> names = {}; // of all files, and of the items that are not zero; sorted
-    bool unreadable =
-        false; // there are bytes, but they are not a backup's or cannot be read: it may have held anything
+    bool unreadable = false; // it has bytes, but none of a backup, or they cannot be read: nobody knows what it held
 
     // Whether `other` has more of anything, or anything that is not here.
     [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
