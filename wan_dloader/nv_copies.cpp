@@ -28,8 +28,9 @@ constexpr const char* kept_path = "/data/nvbackup.bin.old";  // one that it may 
 constexpr const char* golden_path = "/data/nvbackup_golden.bin";
 constexpr const char* fresh_golden_path = "/data/nvbackup_golden.bin.new"; // one that nobody has judged yet
 constexpr const char* parked_path = "/data/nvbackup_golden.bintmp";        // the golden copy while a new one is made
+constexpr const char* kept_golden_path = "/data/nvbackup_golden.bin.old";  // one of which nobody knows what it held
 
-bool s_kept_before = false; // the last backup of this run was worth less than the one before it
+bool s_kept_before = false; // the last backup of this run may be worth less than the one before it
 
 // Backs the modem up to the file of this name. 0, or 1 with an ERROR when it cannot be made or written whole.
 int32_t backup_to(const std::string& port, const std::string& file_name)
@@ -54,6 +55,29 @@ bool put_in_place(const char* fresh, const char* name)
     return false;
 }
 
+// Gives the copy `path` a second name, `name` or that with a number, the first that is free: no copy is given up for
+// another one. That name; empty, with an ERROR, when there is none left.
+std::string keep_copy(const char* path, const char* name)
+{
+    constexpr int most = 9;
+    std::string free_name = name;
+    for (int number = 1; link(path, free_name.c_str()) != 0; ++number) {
+        if (errno != EEXIST || number > most) {
+            log_error("Failed to link %s to %s: %s", free_name.c_str(), path, error_text(errno).c_str());
+            return {};
+        }
+        free_name = name + std::to_string(number);
+    }
+    return free_name;
+}
+
+// Whether `before` may hold what `fresh` does not. Of two that look damaged the records tell: a modem with a long item
+// file gives no other ones.
+bool may_hold_less(const NvFileContents& fresh, const NvFileContents& before)
+{
+    return fresh.holds_less_than(before) || (before.damaged && !fresh.damaged);
+}
+
 // ---- the backup ----
 
 // Names what a new backup does not have of the one before.
@@ -63,34 +87,36 @@ void report_missing(const NvFileContents& fresh, const NvFileContents& before)
         log_warning("Not in the new one: %s", missing.c_str());
 }
 
-// Gives the backup that is there a second name, the first that is free: no copy is given up for another one. The name;
-// empty, with an ERROR, when there is none left.
-std::string keep_backup()
+// A backup that could not take its place, or was about to, is one, too: keeps it out of the way of the next. False with
+// an ERROR when that fails.
+bool keep_unplaced_backup()
 {
-    constexpr int most = 9;
-    std::string name = kept_path;
-    for (int number = 1; link(backup_path, name.c_str()) != 0; ++number) {
-        if (errno != EEXIST || number > most) {
-            log_error("Failed to link %s to %s: %s", name.c_str(), backup_path, error_text(errno).c_str());
-            return {};
-        }
-        name = kept_path + std::to_string(number);
-    }
-    return name;
+    if (!nv_file_contents(fresh_path).whole)
+        return true;
+    const std::string name = keep_copy(fresh_path, kept_path);
+    if (name.empty())
+        return false;
+    (void)unlink(fresh_path);
+    log_warning("%s had not taken its place, and is kept as %s", fresh_path, name.c_str());
+    return true;
 }
 
-// Keeps the backup that is there when a new one holds less, or may hold something else, or nobody can tell what the one
-// that is there holds: a modem that has lost its NV data gives a complete backup, too, and this may be the last one
-// that is worth something. False with an ERROR when that fails.
-bool keep_richer_backup()
+// Lets the new backup take the place of the one that is there. That is kept when the new one may hold less, or
+// something else: a modem that has lost its NV data gives a complete backup, too, and this may be the last one that is
+// worth something. False with an ERROR when either fails; then all is as before.
+bool replace_backup()
 {
     const NvFileContents fresh = nv_file_contents(fresh_path);
     const NvFileContents before = nv_file_contents(backup_path);
-    if (!fresh.holds_less_than(before) && !before.unreadable && nv_values_doubtful() == 0)
-        return true;
-    const std::string name = keep_backup();
+    if (!may_hold_less(fresh, before) && nv_values_doubtful() == 0)
+        return put_in_place(fresh_path, backup_path);
+    const std::string name = keep_copy(backup_path, kept_path);
     if (name.empty())
         return false;
+    if (!put_in_place(fresh_path, backup_path)) {
+        (void)unlink(name.c_str());
+        return false;
+    }
     s_kept_before = true;
     log_warning("The new backup holds %s; the one before, with %s, is kept as %s", fresh.text().c_str(),
                 before.text().c_str(), name.c_str());
@@ -131,7 +157,7 @@ void warn_of_half_copy()
         log_warning("%s is not complete, make it anew with -f", golden_path);
 }
 
-// Whether what was backed up may become a golden copy; else an ERROR. What holds less than another does not: a modem
+// Whether what was backed up may become a golden copy; else an ERROR. What may hold less than another does not: a modem
 // that has lost its NV data gives a complete backup, too.
 bool may_become_golden()
 {
@@ -155,6 +181,20 @@ bool is_worth_keeping(bool renewal)
     log_error("The new golden copy holds %s; the old one, with %s, stays", fresh.text().c_str(), parked.text().c_str());
     report_missing(fresh, parked);
     return false;
+}
+
+// A new golden copy has taken the place of the parked one. That is given up, but under another name when it is damaged:
+// a restore could still find in it what nobody could compare.
+void remove_parked_copy()
+{
+    if (nv_file_contents(parked_path).damaged && !nv_file_contents(golden_path).damaged) {
+        const std::string name = keep_copy(parked_path, kept_golden_path);
+        if (name.empty())
+            return;
+        log_warning("The old golden copy is damaged, and is kept as %s", name.c_str());
+    }
+    if (run_shell("rm %s", parked_path) != 0)
+        log_warning("Failed to remove %s", parked_path);
 }
 
 bool same_size(const char* path, const char* other)
@@ -209,13 +249,14 @@ int32_t BackupQCN(const std::string& port)
     if (!path_exists(backup_path))
         return backup_to(port, backup_path);
     // The one that is there may be the only one: it stays until the new one is on the disk.
-    const bool is_made = backup_to(port, fresh_path) == 0;
-    if (is_made && keep_richer_backup() && put_in_place(fresh_path, backup_path))
+    const bool may_begin = keep_unplaced_backup();
+    const bool is_made = may_begin && backup_to(port, fresh_path) == 0;
+    if (is_made && replace_backup())
         return 0;
     log_error("No new backup: %s is the one from before", backup_path);
     if (is_made)
         log_warning("The new one is %s", fresh_path);
-    else
+    else if (may_begin)
         (void)unlink(fresh_path);
     return 1;
 }
@@ -242,8 +283,8 @@ int32_t BackupGoldenQCN(const std::string& port)
             (void)move_golden(parked_path, golden_path);
         return 1;
     }
-    if (renewal && sync_data_folder() && run_shell("rm %s", parked_path) != 0)
-        log_warning("Failed to remove %s", parked_path);
+    if (renewal && sync_data_folder())
+        remove_parked_copy();
     return 0;
 }
 
@@ -251,7 +292,7 @@ int32_t RemoveNVBackup()
 {
     // What the modem did not take may be nowhere else.
     if (nv_values_unrestored() != 0 && path_exists(backup_path)) {
-        const std::string name = keep_backup();
+        const std::string name = keep_copy(backup_path, kept_path);
         if (name.empty())
             return 1;
         log_error("Not all NV data were restored: the backup is kept as %s", name.c_str());

@@ -164,7 +164,7 @@ NvFileContents nv_file_contents(const std::string& path)
         return contents;
     const NvFileHeader header = read_nv_file_header(file.get());
     if (!header.is_valid()) {
-        contents.unreadable = nv_file_size(file.get()) > 0;
+        contents.damaged = nv_file_size(file.get()) > 0;
         return contents;
     }
     bool whole = header.chunks == std::size(chunk_order);
@@ -172,16 +172,21 @@ NvFileContents nv_file_contents(const std::string& path)
         const NvChunkHeader chunk = read_nv_chunk_header(file.get());
         NvChunkReader records(file.get(), chunk);
         // One damaged record hides those behind it in its chunk, but not the other chunks.
-        whole =
-            is_chunk_tag(chunk.tag) && count_records(records, chunk, contents) && whole && chunk.tag == chunk_order[i];
-        if (feof(file.get()) != 0 || !records.skip_rest()) {
+        const bool is_sound = is_chunk_tag(chunk.tag) && count_records(records, chunk, contents);
+        const bool is_cut = feof(file.get()) != 0;
+        contents.damaged = contents.damaged || !(is_sound || is_cut);
+        whole = is_sound && whole && chunk.tag == chunk_order[i];
+        if (is_cut || !records.skip_rest()) {
             whole = false;
             break;
         }
     }
     std::ranges::sort(contents.names);
-    contents.unreadable = ferror(file.get()) != 0;
     contents.whole = whole && ftello(file.get()) == nv_file_size(file.get());
+    // A chunk that the file does not count is empty as long as it is being made.
+    const NvChunkHeader uncounted = read_nv_chunk_header(file.get());
+    contents.damaged =
+        contents.damaged || (is_chunk_tag(uncounted.tag) && uncounted.count != 0) || ferror(file.get()) != 0;
     return contents;
 }
 

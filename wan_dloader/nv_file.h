@@ -69,7 +69,7 @@ struct NvFileContents {
     uint64_t item_files, item_file_bytes; // of data
     uint64_t efs_files, efs_file_bytes;
     std::vector<std::string> names = {}; // of all files, and of the items that are not zero; sorted
-    bool unreadable = false; // it has bytes, but none of a backup, or they cannot be read: nobody knows what it held
+    bool damaged = false; // it may hold more than was counted: bytes that cannot be read, or are no records
 
     // Whether `other` has more of anything, or anything that is not here.
     [[nodiscard]] bool holds_less_than(const NvFileContents& other) const;
@@ -80,7 +80,8 @@ struct NvFileContents {
     [[nodiscard]] std::string text() const;
 };
 
-// Reads the backup file `path`, record by record. No numbers when it is none. Any thread.
+// Reads the backup file `path`, record by record. No numbers when it is none, or cannot be opened. One whose making was
+// cut short is not whole, but not damaged either; one with an item file that was saved in part is. Any thread.
 [[nodiscard]] NvFileContents nv_file_contents(const std::string& path);
 
 // How many items stand in `chunk`, one of NV items, the file's position being right behind its header, where it stays.

@@ -123,7 +123,8 @@ bool has_whole_backup()
     return forced;
 }
 
-// Ends the run behind the backup, which has taken the modem offline: it starts anew, and serves as before.
+// Ends the run behind the backup, which takes the modem offline, unless it failed before: it starts anew, and serves as
+// it did.
 EndOfRun leave_modem_as_it_was()
 {
     log_info("Nothing was changed: the modem starts anew");

@@ -260,6 +260,10 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
     const std::string before = backup_file({{nv_items, {nv_record(0, "\2"), nv_record(10, "\2")}},
                                             {nv_item_files, {file_record("/nv/item_files/jcdma/jcdma_mode", "\2")}},
                                             {efs_files, {}}});
+    const std::string cut = saved.substr(0, 200);
+    // Nothing is lost in it but the length of a path, which hides the item file.
+    std::string damaged = saved;
+    damaged.at(saved.find("/nv/item_files") - 2) = 'x';
     const std::string holds_fresh = "holds 2 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes); ",
                       with_more = "with 3 NV items (2 not zero), 1 item files (1 bytes), 0 EFS files (0 bytes), ";
     const std::string absent = ": No such file or directory", missing = "E fopen "s + golden + absent;
@@ -288,7 +292,7 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
         {"-ng", "true", {{name, old}}, {{name, old}}, {not_whole}, false, false},
         {"-ng", "true", {{name, fresh}, {parked, old}}, {{name, fresh}, {parked, old}}, {}, false, false},
         {"-ng", "mount -o remount,size=4k /data", {{half, fresh}}, {{half, fresh}}, no_room(fresh_golden), true, false},
-        {"-fng", "true", {{name, old}}, {{name, fresh}}, {}, true, false},
+        {"-fng", "true", {{name, cut}}, {{name, fresh}}, {}, true, false},
         {"-fng", "true", {{name, less}}, {{name, fresh}}, {}, true, false},
         {"-fng", "true", {{name, more}}, {{name, more}}, {not_better}, true, false},
         {"-ng", "true", {{name, fresh}, {parked, more}}, {{name, more}}, {undone}, false, false},
@@ -328,6 +332,24 @@ TEST_F(SmallModem, NoCopyIsLostForALesserOne)
          {"W The new backup " + holds_fresh +
           "the one before, with 0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes), is kept as "
           "/data/nvbackup.bin.old"},
+         true,
+         false},
+        {"-nb",
+         "true",
+         {{stored, damaged}, {stored + ".new", more}},
+         {{stored, fresh}, {kept, more}, {kept + "1", damaged}},
+         {"W /data/nvbackup.bin.new had not taken its place, and is kept as /data/nvbackup.bin.old",
+          "W The new backup " + holds_fresh +
+              "the one before, with 2 NV items (2 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes), is kept as "
+              "/data/nvbackup.bin.old1"},
+         true,
+         false},
+        {"-nb", "true", {{stored, cut}, {stored + ".new", cut}}, {{stored, fresh}}, {}, true, false},
+        {"-fng",
+         "true",
+         {{name, damaged}},
+         {{name, fresh}, {name + ".old", damaged}},
+         {"W The old golden copy is damaged, and is kept as "s + golden + ".old"},
          true,
          false},
         {"-nb", "true", {{stored, less}, {kept, more}}, {{stored, fresh}, {kept, more}}, {}, true, false},
@@ -485,8 +507,9 @@ TEST_F(SmallModem, BackupIsAFile)
     EXPECT_THAT(complaints_of(take_turn(queue("-nr"), true)),
                 ElementsAre("W /data/nvbackup.bin is not complete, what can be read of it is restored", no_file,
                             no_file, no_file));
-    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))), IsEmpty());
-    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}}));
+    EXPECT_THAT(complaints_of(take_turn(queue("-nb"))),
+                ElementsAre("W /data/nvbackup.bin.new had not taken its place, and is kept as /data/nvbackup.bin.old"));
+    EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}, {"nvbackup.bin.old", saved}}));
     EXPECT_EQ(fs::status(root() + backup).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 

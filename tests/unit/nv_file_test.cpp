@@ -156,21 +156,33 @@ TEST(NvFile, HoldsWhatARestoreFinds)
     const std::string all = header(3) + items + files + none;
     const struct {
         std::string bytes, contents;
-        bool whole;
+        bool whole, damaged;
     } rows[] = {
-        {all, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", true},
-        {all + "x", "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false},
+        {all, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", true, false},
+        {all + "x", "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false, false},
         {header(3) + none + items + files, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)",
+         false, false},
+        {header(2) + items + files, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false,
          false},
-        {header(2) + items + files, "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false},
+        // The second one is still being made, or is not counted.
+        {header(1) + items + chunk(nv_item_files, 0, "") + two_files,
+         "2 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false, false},
+        {header(1) + items + files, "2 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false,
+         true},
+        // A size that reaches beyond the file hides the chunk behind it.
+        {header(3) + items + le32(nv_item_files) + le32(2) + le32(0xFFFF) + two_files + chunk(efs_files, 2, two_files),
+         "2 NV items (1 not zero), 2 item files (2 bytes), 0 EFS files (0 bytes)", false, true},
+        {header(3) + items + chunk(0x42504103, 2, two_files) + chunk(efs_files, 2, two_files),
+         "2 NV items (1 not zero), 0 item files (0 bytes), 2 EFS files (2 bytes)", false, true},
         {header(3) + items + chunk(nv_item_files, 1, two_files) + none,
-         "2 NV items (1 not zero), 1 item files (2 bytes), 0 EFS files (0 bytes)", false},
+         "2 NV items (1 not zero), 1 item files (2 bytes), 0 EFS files (0 bytes)", false, true},
         {header(3) + items + chunk(nv_item_files, 9, "\3\0/a\0\x09\0xy"s) + chunk(efs_files, 2, two_files),
-         "2 NV items (1 not zero), 0 item files (0 bytes), 2 EFS files (2 bytes)", false},
-        {all.substr(0, 200), "1 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+         "2 NV items (1 not zero), 0 item files (0 bytes), 2 EFS files (2 bytes)", false, true},
+        {all.substr(0, 200), "1 NV items (1 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false, false},
         {header(1) + chunk(nv_items, 2, "\x14" + std::string(129, '\0') + "\x14\0\1"s + std::string(127, '\0')),
-         "2 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
-        {"x" + all, "0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false},
+         "2 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false, false},
+        {"x" + all, "0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false, true},
+        {"", "0 NV items (0 not zero), 0 item files (0 bytes), 0 EFS files (0 bytes)", false, false},
     };
     std::string name = std::filesystem::temp_directory_path() / "nv_file_test-XXXXXX";
     const UniqueFd made(mkstemp(name.data()));
@@ -178,7 +190,7 @@ TEST(NvFile, HoldsWhatARestoreFinds)
         std::ofstream(name, std::ios::binary) << row.bytes;
         EXPECT_EQ(nv_file_contents(name).text(), row.contents);
         EXPECT_EQ(nv_file_contents(name).whole, row.whole) << row.contents;
-        EXPECT_EQ(nv_file_contents(name).unreadable, row.bytes.front() == 'x') << row.contents;
+        EXPECT_EQ(nv_file_contents(name).damaged, row.damaged) << row.bytes.size();
     }
     std::ofstream(name, std::ios::binary) << all;
     EXPECT_THAT(nv_file_contents(name).names, ElementsAre("", "/a", "NV item 1"));
