@@ -190,8 +190,8 @@ bool copy_data(int64_t size, FILE* target, std::span<uint8_t> buffer)
     return true;
 }
 
-// Takes away what was written of a member. A device stays.
-void remove_part(const std::string& path)
+// Takes away a file, or a link to one. A device stays.
+void remove_file(const std::string& path)
 {
     struct stat target {};
     if (stat(path.c_str(), &target) == 0 && S_ISREG(target.st_mode))
@@ -319,6 +319,7 @@ int32_t tar_fextract_to(const std::string& name, const std::string& target)
     log_info("Extract file: %s to %s", name.c_str(), target.c_str());
     if (!seek_to_data(*member))
         return -1;
+    remove_file(target); // it may be another name of one that is needed
     UniqueFile file = make_file(target);
     if (!file) {
         log_error("Failed to open file %s", target.c_str());
@@ -333,7 +334,7 @@ int32_t tar_fextract_to(const std::string& name, const std::string& target)
     // What was written may only fail when the stream is closed.
     if (fclose(file.release()) != 0 || !copied) {
         log_error("Failed to copy the file %s to %s", name.c_str(), target.c_str());
-        remove_part(target);
+        remove_file(target);
         return -1;
     }
     return 0;

@@ -87,17 +87,17 @@ void report_missing(const NvFileContents& fresh, const NvFileContents& before)
         log_warning("Not in the new one: %s", missing.c_str());
 }
 
-// A backup that could not take its place, or was about to, is one, too: keeps it out of the way of the next. False with
-// an ERROR when that fails.
-bool keep_unplaced_backup()
+// Makes the way free for a new backup. One that could not take its place, or was about to, is kept: it is whole. False
+// with an ERROR when that fails.
+bool clear_fresh_backup()
 {
-    if (!nv_file_contents(fresh_path).whole)
-        return true;
-    const std::string name = keep_copy(fresh_path, kept_path);
-    if (name.empty())
-        return false;
-    (void)unlink(fresh_path);
-    log_warning("%s had not taken its place, and is kept as %s", fresh_path, name.c_str());
+    if (nv_file_contents(fresh_path).whole) {
+        const std::string name = keep_copy(fresh_path, kept_path);
+        if (name.empty())
+            return false;
+        log_warning("%s had not taken its place, and is kept as %s", fresh_path, name.c_str());
+    }
+    (void)unlink(fresh_path); // it may be another name of a file that is needed
     return true;
 }
 
@@ -249,7 +249,7 @@ int32_t BackupQCN(const std::string& port)
     if (!path_exists(backup_path))
         return backup_to(port, backup_path);
     // The one that is there may be the only one: it stays until the new one is on the disk.
-    const bool may_begin = keep_unplaced_backup();
+    const bool may_begin = clear_fresh_backup();
     const bool is_made = may_begin && backup_to(port, fresh_path) == 0;
     if (is_made && replace_backup())
         return 0;
@@ -275,6 +275,7 @@ int32_t BackupGoldenQCN(const std::string& port)
     if (renewal && !move_golden(golden_path, parked_path))
         return 1;
 
+    (void)unlink(fresh_golden_path);
     // Half a copy by the name of a golden one would stand in the way of a whole one for ever.
     if (backup_to(port, fresh_golden_path) != 0 || !is_worth_keeping(renewal) ||
         !put_in_place(fresh_golden_path, golden_path)) {

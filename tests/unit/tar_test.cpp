@@ -185,6 +185,20 @@ TEST_F(Tar, MembersAreReadToTheirEndAndNotBeyond)
     EXPECT_EQ(tar_feof(), 1);
 }
 
+// What has the name of the target may be another name of a file that is needed.
+TEST_F(Tar, NothingElseIsWrittenOver)
+{
+    const std::string other = folder + "/other", target = folder + "/out";
+    std::ofstream(other) << "needed";
+    ASSERT_EQ(init(member("m", "data") + end), 0);
+    for (const bool is_symlink : {false, true}) {
+        is_symlink ? fs::create_symlink(other, target) : fs::create_hard_link(other, target);
+        EXPECT_EQ(extracted("m"), "data");
+        EXPECT_EQ(fs::file_size(other), 6U);
+        fs::remove(target);
+    }
+}
+
 TEST_F(Tar, NothingPartialIsHandedOut)
 {
     const std::string target = folder + "/out", pipe = folder + "/pipe";
