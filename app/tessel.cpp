@@ -67,6 +67,7 @@ int main(int argc, char** argv)
 {
     keep_standard_descriptors();
     keep_child_statuses();
+    (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a log file has each line also of a run that is killed
     if (argc <= 1) {
         log_error("Missing applet name");
         tessel_usage(argc == 1 ? argv[0] : "tessel");

@@ -1,6 +1,6 @@
 // Request/response exchange: the main thread sends one request and waits for at most five seconds until the handler on
-// the packet reader's thread has accepted its response; half a second more, twice at the most, where the process did
-// not run when the time was over.
+// the packet reader's thread has accepted its response; half a second more where the process did not run when the time
+// was over.
 //
 // The machine exists once and serves two sides, each with state of its own: the crash-dump side (send_pkt_*) and the
 // update side (Send*). Which of them hears the modem is decided by the handler that was given to the packet engine. A

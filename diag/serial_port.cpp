@@ -36,9 +36,10 @@ int32_t open_port(const SideOfPort& side, const char* device_path)
         end_process(side.stat_failed);
     }
     if (side.debug != 0) {
-        log_debug("ctime of %s = %d", device_path, static_cast<int>(side.file_status.st_ctime));
-        log_debug("atime of %s = %d", device_path, static_cast<int>(side.file_status.st_atime));
-        log_debug("mtime of %s = %d", device_path, static_cast<int>(side.file_status.st_mtime));
+        const std::string name = printable(device_path);
+        log_debug("ctime of %s = %d", name.c_str(), static_cast<int>(side.file_status.st_ctime));
+        log_debug("atime of %s = %d", name.c_str(), static_cast<int>(side.file_status.st_atime));
+        log_debug("mtime of %s = %d", name.c_str(), static_cast<int>(side.file_status.st_mtime));
     }
     return 0;
 }

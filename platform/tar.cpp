@@ -194,7 +194,7 @@ bool copy_data(int64_t size, FILE* target, std::span<uint8_t> buffer)
 void remove_file(const std::string& path)
 {
     struct stat target {};
-    if (stat(path.c_str(), &target) == 0 && S_ISREG(target.st_mode))
+    if (lstat(path.c_str(), &target) == 0 && (S_ISREG(target.st_mode) || S_ISLNK(target.st_mode)))
         (void)remove(path.c_str());
 }
 

@@ -49,8 +49,9 @@ int32_t tar_fclose();
 // or the archive ends before the member does.
 [[nodiscard]] int64_t tar_fread(std::span<uint8_t> buffer);
 
-// Reads a line, or as much of it as fits, as fgets() does: with its line feed, a zero behind. Returns the buffer's
-// start, or null: no member is open, its end is reached, or there is no room for one character.
+// Reads a line, or as much of it as fits, as fgets() does: with its line feed, a zero behind; nothing from beyond the
+// member, whose last line may have no line feed. Returns the buffer's start, or null: no member is open, its end is
+// reached, or there is no room for one character.
 [[nodiscard]] char* tar_fgets(std::span<char> buffer);
 
 // 1 when nothing is left to read of the open member, be it that none is open or that the archive ended, else 0.

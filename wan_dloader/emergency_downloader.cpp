@@ -219,10 +219,11 @@ int32_t CheckSerialReEnumerate(const char* path)
     struct stat status {};
     if (comes_back(path, status))
         return 0;
-    log_error("Serial device file %s has not been re-enumerated", path);
-    log_error("ctime of %s = %d", path, static_cast<int>(status.st_ctime));
-    log_error("atime of %s = %d", path, static_cast<int>(status.st_atime));
-    log_error("mtime of %s = %d", path, static_cast<int>(status.st_mtime));
+    const std::string name = printable(path);
+    log_error("Serial device file %s has not been re-enumerated", name.c_str());
+    log_error("ctime of %s = %d", name.c_str(), static_cast<int>(status.st_ctime));
+    log_error("atime of %s = %d", name.c_str(), static_cast<int>(status.st_atime));
+    log_error("mtime of %s = %d", name.c_str(), static_cast<int>(status.st_mtime));
     end_process(exit_not_reenumerated);
 }
 
@@ -270,7 +271,7 @@ int32_t SendDownLoader()
         log_error("Failed to open downloader");
         return 1;
     }
-    log_debug("%s", path_of_image(downloader_file(name)).c_str());
+    log_debug("%s", printable(path_of_image(downloader_file(name))).c_str());
 
     HexState state;
     const int32_t result = send_records(state);

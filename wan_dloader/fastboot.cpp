@@ -182,12 +182,13 @@ bool has_room_for_linux_images()
         return true; // a tablet that cannot tell can have it all the same
     int64_t available = static_cast<int64_t>(room.f_bfree) * static_cast<int64_t>(room.f_frsize);
     struct stat before {};
-    if (stat(scratch_path, &before) == 0) {
+    if (lstat(scratch_path, &before) == 0 && !S_ISLNK(before.st_mode)) {
         if (!S_ISREG(before.st_mode)) {
             log_error("%s is in the way of the Linux images", scratch_path);
             return false;
         }
-        available += before.st_size; // which is written over
+        if (before.st_nlink == 1)
+            available += before.st_size; // which it gives way to
     }
     if (needed <= available)
         return true;

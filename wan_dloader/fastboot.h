@@ -1,8 +1,8 @@
 // The modem's Linux images, which the external fastboot tool writes while the modem is in its boot loader; the way
 // there, and the tablet's radio daemon, which must not hold the modem's ports meanwhile.
 //
-// Everything runs on the main thread and blocks. What the external tools return is not looked at: a failed flash shows
-// in the tool's own output.
+// Everything runs on the main thread and blocks. A failing external tool is logged and does not end the work: what
+// went wrong shows in its own output.
 #pragma once
 
 #include "platform/usb_linux.h"

@@ -127,7 +127,7 @@ Fetch fetch_nvitemfile(const std::string& path, uint32_t size, uint16_t& sequenc
         const bool in_order = sequence == sent;
         ++sequence;
         if (piece.empty() || !in_order) {
-            log_warning("Skip %s", path.c_str());
+            log_warning("Skip %s", printable(path).c_str());
             return in_order ? Fetch::withheld : Fetch::unanswered;
         }
         data.insert(data.end(), piece.begin(), piece.end());

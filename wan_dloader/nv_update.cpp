@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr size_t longest_update_line = 254;            // without its line feed
+constexpr size_t longest_update_line = 254;            // without its line feed; of a data line, too
 constexpr size_t initial_buffer = 1024;                // bytes
 constexpr uint32_t largest_file = 16U * 1024U * 1024U; // of the modem, whose whole file system is smaller
 constexpr uint16_t first_sequence = 100;               // of the requests that show an item file

@@ -243,7 +243,7 @@ int32_t start_flash_programmer(const std::string& port)
 
 void wait_for_flash_programmer(const std::string& port)
 {
-    log_debug("Opening Diag Port at %s", port.c_str());
+    log_debug("Opening Diag Port at %s", printable(port).c_str());
     if (s_dlSkipUSB_ReEnumerate == 0) {
         (void)CheckSerialReEnumerate(port.c_str());
         return;
@@ -318,7 +318,7 @@ int32_t SendPartitionTable(int32_t override_flag)
     s_flash_error_code = table_no_answer;
     const std::string name = selected_model() != nullptr ? selected_model()->partition_table : "";
     if (name.empty() || OpenModemFile(name) < 0) {
-        log_error("Unable to open partition file %s", path_of_image(name).c_str());
+        log_error("Unable to open partition file %s", printable(path_of_image(name)).c_str());
         return download_action_needed;
     }
     std::array<uint8_t, table_at + longest> request{code};

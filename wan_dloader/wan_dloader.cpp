@@ -219,6 +219,16 @@ std::string port_of(const char* text)
     return std::string(text).substr(0, longest_port);
 }
 
+constexpr int word = 1; // what getopt calls a word that is no option, in its turn among them
+
+// An option that lost its dash would make it another run than the one that was meant.
+int32_t refuse_word(const char* text, const char* name)
+{
+    log_error("Unexpected argument: %s", printable(text).c_str());
+    usage(name);
+    return exit_usage;
+}
+
 // Takes one option. Returns the exit status where the run ends with it.
 std::optional<int32_t> take_option(int option, const char* text, const char* name)
 {
@@ -274,6 +284,8 @@ std::optional<int32_t> take_option(int option, const char* text, const char* nam
     case 'r':
         s_run_in_recovery_mode = 1;
         return std::nullopt;
+    case word:
+        return refuse_word(text, name);
     default:
         break;
     }
@@ -291,15 +303,12 @@ int32_t wan_dloader_main(int32_t argc, char** argv, const Applet* /*row*/)
     }
     (void)signal(SIGPIPE, SIG_IGN); // who reads the messages may end, a run on the modem goes on
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no second thread yet
-    for (int option = 0; (option = getopt(argc, argv, "hap:dP:D:vR:m:elon:t:fEsr")) != -1;) {
+    for (int option = 0; (option = getopt(argc, argv, "-hap:dP:D:vR:m:elon:t:fEsr")) != -1;) {
         if (const auto status = take_option(option, optarg, argv[0]))
             return *status;
     }
-    if (optind < argc) { // an option that lost its dash would make it another update than the one that was meant
-        log_error("Unexpected argument: %s", printable(argv[optind]).c_str());
-        usage(argv[0]);
-        return exit_usage;
-    }
+    if (optind < argc) // behind "--"
+        return refuse_word(argv[optind], argv[0]);
     show_version(argv[0]);
     return run_update();
 }

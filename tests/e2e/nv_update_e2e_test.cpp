@@ -282,6 +282,8 @@ TEST_F(NvUpdate, OptionsAreJudgedInTheirOrder)
         {"-m al -nb", {"Invalid mbn type: al."}, true},
         {"nb", {"Unexpected argument: nb"}, true},
         {"-E l f -s", {"Unexpected argument: l"}, true},
+        {"P /dev/ttyUSB2 -nD/a", {"Unexpected argument: P"}, true},
+        {"-E -- -s", {"Unexpected argument: -s"}, true},
         {"-m nvi", {"Invalid mbn type: nvi."}, true},
         {"-m ''", {"Invalid mbn type: ."}, true},
         {"-p " + longest + " -h", {}, true},
