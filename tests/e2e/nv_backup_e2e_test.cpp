@@ -490,6 +490,17 @@ TEST_F(SmallModem, IsSavedAlsoUnheard)
     EXPECT_EQ(files_in("/data"), (Files{{"nvbackup.bin", saved}, {"status", "0\n"}}));
 }
 
+// A run that is killed has told in a file what it was at.
+TEST_F(SmallModem, TellsWhereItIs)
+{
+    modem("normal --fault silence@1");
+    EXPECT_EQ(
+        run(": >/data/log; tessel wan_dloader -o -nb >/data/log & pid=$!; "
+            "{ tail -n +1 -f --pid=$pid /data/log & } | grep -qm1 '#Backup QCN'; told=$?; kill -9 $pid; exit $told")
+            .status,
+        0);
+}
+
 // In the place of a backup is something else.
 TEST_F(SmallModem, BackupIsAFile)
 {

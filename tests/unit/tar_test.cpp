@@ -197,6 +197,9 @@ TEST_F(Tar, NothingElseIsWrittenOver)
         EXPECT_EQ(fs::file_size(other), 6U);
         fs::remove(target);
     }
+    fs::create_symlink(folder + "/none", target);
+    EXPECT_EQ(extracted("m"), "data");
+    EXPECT_FALSE(fs::exists(folder + "/none"));
 }
 
 TEST_F(Tar, NothingPartialIsHandedOut)
