@@ -141,8 +141,8 @@ TEST_F(NvBackup, HoldsWhatTheModemGave)
     const auto fault = [](const std::string& word, size_t reply, const std::string& argument = "") {
         return " --fault " + word + "@" + std::to_string(reply) + argument;
     };
-    modem("normal" + fault("drop", 2) + fault("delay", 7, ":5500") + fault("delay", 8, ":100") +
-          fault("error", 9, ":0x42") + fault("delay", late, ":5500") + fault("delay", late + 1, ":30") +
+    modem("normal" + fault("drop", 2) + fault("delay", 7, ":6000") + fault("delay", 8, ":100") +
+          fault("error", 9, ":0x42") + fault("delay", late, ":6000") + fault("delay", late + 1, ":30") +
           fault("refuse", before + 8, ":13") + fault("sequence", before + 12) + fault("sequence", before + 14) +
           fault("drop", before + 16) + fault("short", before + 20, ":314") + fault("refuse", before + 62, ":13") +
           fault("refuse", before + 66, ":16") + fault("short", before + 68, ":12"));
